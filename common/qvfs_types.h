@@ -1,0 +1,220 @@
+/*
+ * qvfs_types.h - records and codes that cross the library's interface.
+ *
+ * Plain C99, included by the public header api/qvfs.h and by every layer.
+ * Every record whose bytes are shared (with another process, with a disk, or
+ * with an application built for another target) is declared with fixed-width
+ * types only; the C++ build checks each size and each field offset.
+ * The layouts are those of the 32-bit ARM recorders and are kept identical on
+ * 64-bit hosts.
+ */
+#ifndef QVFS_TYPES_H
+#define QVFS_TYPES_H
+
+#include <stdint.h>
+#include <stddef.h>
+
+#if defined(__GNUC__)
+#define QVFS_API __attribute__((visibility("default")))
+#else
+#define QVFS_API
+#endif
+
+#ifdef __cplusplus
+#define QVFS_EXTERN_C_BEGIN extern "C" {
+#define QVFS_EXTERN_C_END }
+#else
+#define QVFS_EXTERN_C_BEGIN
+#define QVFS_EXTERN_C_END
+#endif
+
+/* ------------------------------------------------------------------------
+ * Error codes. A failing call returns -1 (or null, or the value its contract
+ * names) and leaves one of these in errno. A failing system call is reported
+ * as QVFS_ERR_SYS plus the system's errno value.
+ * ---------------------------------------------------------------------- */
+enum {
+    QVFS_ERR_BADARG = 1001,       /* null pointer, empty name, disk above 24, no image, item too short */
+    QVFS_ERR_BADHANDLE = 1002,    /* bad handle, record size, key, range, no free block, full table ... */
+    QVFS_ERR_DISKNUM = 1003,      /* disk number out of range, path names no disk, negative block */
+    QVFS_ERR_NOTFORMATTED = 1005, /* the disk header does not carry "QVFS" */
+    QVFS_ERR_NOMEM = 1006,        /* the library allocator returned null */
+    QVFS_ERR_PROJID = 1007,       /* key project number not in 1..255 */
+    QVFS_ERR_OLDVERSION = 1009,   /* disk format version too old for the query */
+    QVFS_ERR_INITFAILED = 1010,   /* qvfs_Init could not start the layers */
+    QVFS_ERR_CHANNEL = 1011,      /* channel number 1024 or more */
+    QVFS_ERR_BLOCKRANGE = 1012,   /* offset or length beyond the block size */
+    QVFS_ERR_TOOMANYBLOCKS = 1013,/* the process already has 1024 blocks loaded */
+    QVFS_ERR_FMT_NOSHARE = 4001,  /* format: the disk's shared image could not be obtained */
+    QVFS_ERR_FMT_TOOSMALL = 4004, /* format: device or requested size too small */
+    QVFS_ERR_NOTINIT = -1010,     /* the library is not initialised in this process */
+    QVFS_ERR_SYS = 3000           /* plus the system errno of a failed system call */
+};
+
+/* Fixed limits. */
+#define QVFS_MAX_DISKS 25
+#define QVFS_MAX_CHANNELS 1024
+#define QVFS_MAX_HANDLES 1024
+#define QVFS_MAX_BLOCKS 131072
+#define QVFS_KEY_DIR "/dvr/qvfs"
+#define QVFS_DEV_PREFIX "/dev/scsi/host"
+#define QVFS_TASK_DEVICE "/dev/qvfs_task"
+
+/* The one shared parameter: the disk online check (1 on, 0 off). */
+#define QVFS_PARAM_ONLINE_CHECK 1
+
+/* Text file name: 27 characters and a terminating zero. */
+#define QVFS_NAME_LEN 27
+
+/* ------------------------------------------------------------------------
+ * Open-parameter record, 128 bytes: the create request of a new file.
+ *
+ *  off size field
+ *    0    4 chn        channel (unsigned)
+ *    4    4 startTime  start time, seconds (signed)
+ *    8    4 fileType   file type (maps to the block type)
+ *   12    4 resSize    reserved region size for file type 1 (also the
+ *                      length about to be written, for block choice)
+ *   16    4 recType    record type
+ *   20    4 (not read)
+ *   24   64 path       device path of the disk to record on
+ *   88    8 ext        extension without the dot
+ *   96   28 preName    previous file's 27-character name, or empty
+ *  124    4 (not read)
+ * ---------------------------------------------------------------------- */
+typedef struct TQvfsOpenParam {
+    uint32_t chn;
+    int32_t startTime;
+    int32_t fileType;
+    int32_t resSize;
+    int32_t recType;
+    int32_t reserved0;
+    char path[64];
+    char ext[8];
+    char preName[28];
+    int32_t reserved1;
+} TQvfsOpenParam;
+
+/* The older open-parameter form taken by qvfs_Open: the first 96 bytes. */
+#define QVFS_OPEN_PARAM_V1_SIZE 96
+
+/* ------------------------------------------------------------------------
+ * Status records.
+ *
+ * TQvStat64 has the 104-byte layout of the 32-bit ARM stat64 record, so that
+ * a TQvFileStat is the same 232 bytes on every target. The time members are
+ * named as glibc names them; st_mtime and friends work as usual.
+ * ---------------------------------------------------------------------- */
+typedef struct TQvTimespec32 {
+    int32_t tv_sec;
+    uint32_t tv_nsec;
+} TQvTimespec32;
+
+typedef struct TQvStat64 {
+    uint64_t st_dev;     /*  0 */
+    uint32_t __pad1;     /*  8 */
+    uint32_t __st_ino;   /* 12 */
+    uint32_t st_mode;    /* 16 */
+    uint32_t st_nlink;   /* 20 */
+    uint32_t st_uid;     /* 24 */
+    uint32_t st_gid;     /* 28 */
+    uint64_t st_rdev;    /* 32 */
+    uint32_t __pad2[2];  /* 40 */
+    int64_t st_size;     /* 48: file length in bytes */
+    uint32_t st_blksize; /* 56 */
+    uint32_t __pad3;     /* 60 */
+    int64_t st_blocks;   /* 64: st_size / 512 */
+    TQvTimespec32 st_atim; /* 72 */
+    TQvTimespec32 st_mtim; /* 80: seconds = low word of the end time */
+    TQvTimespec32 st_ctim; /* 88: seconds = low word of the end time */
+    uint64_t st_ino;     /* 96 */
+} TQvStat64;
+
+#ifndef st_atime
+#define st_atime st_atim.tv_sec
+#endif
+#ifndef st_mtime
+#define st_mtime st_mtim.tv_sec
+#endif
+#ifndef st_ctime
+#define st_ctime st_ctim.tv_sec
+#endif
+
+/* File status record, 232 bytes. */
+typedef struct TQvFileStat {
+    TQvStat64 st;          /*   0 */
+    uint64_t chn;          /* 104 */
+    uint64_t lock;         /* 112: 0 normal, 1 locked, 2 backup */
+    uint64_t recType;      /* 120 */
+    uint64_t startTime;    /* 128: creation time, seconds */
+    uint8_t usrParam[32];  /* 136 */
+    char name[64];         /* 168: text name, zero-terminated */
+} TQvFileStat;
+
+/* File-information item: one requested piece of information. */
+typedef struct TQvFileInfo {
+    void* buf;
+    uint32_t len;
+} TQvFileInfo;
+
+/* Statfs record, laid out as the 32-bit target's statfs with 64-bit counts.
+ * Only f_type, f_bsize, f_blocks, f_bfree, f_bavail and f_spare[0] (the
+ * number of bad blocks) are written. */
+typedef struct TQvStatfs {
+    uint32_t f_type;    /*  0: 0x51564653 "QVFS" */
+    uint32_t f_bsize;   /*  4: 512 */
+    uint64_t f_blocks;  /*  8 */
+    uint64_t f_bfree;   /* 16 */
+    uint64_t f_bavail;  /* 24 */
+    uint64_t f_files;   /* 32 */
+    uint64_t f_ffree;   /* 40 */
+    int32_t f_fsid[2];  /* 48 */
+    uint32_t f_namelen; /* 56 */
+    uint32_t f_frsize;  /* 60 */
+    uint32_t f_flags;   /* 64 */
+    uint32_t f_spare[4];/* 68: f_spare[0] = number of bad blocks */
+} TQvStatfs;
+
+#define QVFS_STATFS_MAGIC 0x51564653u
+
+/* Block-information record, 40 bytes, one per block in use. Reserved words
+ * are never written. */
+typedef struct TQvDiskBlkInfo {
+    uint32_t blkId;      /*  0 */
+    uint32_t reserved0;  /*  4 */
+    uint64_t startTime;  /*  8 */
+    uint32_t cnt;        /* 16: files in the block */
+    uint32_t reserved1;  /* 20 */
+    uint64_t endTime;    /* 24 */
+    uint32_t fileType;   /* 32 */
+    uint32_t reserved2;  /* 36 */
+} TQvDiskBlkInfo;
+
+/* Block status record of the block-file layer, eight 32-bit words. */
+typedef struct TQvBlkStat {
+    uint32_t diskId;
+    uint32_t blkId;
+    uint32_t dataType;
+    uint32_t lock;       /* biased locked-file counter */
+    uint32_t recType;    /* low word of the biased record-type counter */
+    uint32_t state;      /* 0 not allocated, 1 current, 2 allocated */
+    uint32_t endTimeLo;
+    uint32_t endTimeHi;
+} TQvBlkStat;
+
+/* Segment query of the block listing, filled by the caller. */
+typedef struct TQvBlkSegQuery {
+    uint32_t diskId;
+    uint32_t blkId;
+    int32_t total;
+    int32_t found;
+    int32_t segIndex;
+    int32_t reserved;
+    int32_t max;
+    uint32_t segSize;
+    int32_t segFound;
+    void* segBuf;
+    TQvFileStat* out;
+} TQvBlkSegQuery;
+
+#endif /* QVFS_TYPES_H */
