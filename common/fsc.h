@@ -15,9 +15,6 @@ QVFS_EXTERN_C_BEGIN
 
 /* ---- allocator and hooks ------------------------------------------------ */
 
-typedef void* (*QvfsAllocFn)(uint32_t size);
-typedef void (*QvfsFreeFn)(void* p);
-
 /* Sets both allocator hooks to null (system malloc/free). Returns 0. */
 QVFS_API int qvfs_InitAllocatorInterface(void);
 /* Replaces both hooks; one null pointer changes nothing. Returns 0. */

@@ -51,6 +51,10 @@ enum {
     QVFS_ERR_SYS = 3000           /* plus the system errno of a failed system call */
 };
 
+/* Replaceable allocator hooks (qvfs_RegistAllocatorInterface). */
+typedef void* (*QvfsAllocFn)(uint32_t size);
+typedef void (*QvfsFreeFn)(void* p);
+
 /* Fixed limits. */
 #define QVFS_MAX_DISKS 25
 #define QVFS_MAX_CHANNELS 1024
