@@ -91,9 +91,10 @@ bool dir_exists(const char* sys_path);
 
 // ---- task device ----------------------------------------------------------
 
-// Opens the task device "/dev/qvfs_task" (under the root) read-only, or the
-// test source when one is set. Returns a descriptor (or a pseudo descriptor
-// for the test source) or -1.
+// Opens the task device "/dev/qvfs_task" (under the root) for reading and
+// writing, non-blocking, or the test source when one is set. Returns a
+// descriptor (a positive pseudo descriptor for the test source, never passed
+// to the kernel) or -1 with errno.
 int open_task_device();
 
 // Issues the task-list request (0x40545401) with an 84-byte buffer.
@@ -119,12 +120,17 @@ struct Fault {
     int remaining = -1;         // hits left; -1 unlimited
 };
 
-// Arms a fault; returns its id. Faults are per process (a forked child
-// inherits them).
+// Arms a fault; returns its id (> 0), or -1 with ENOSPC when 32 are armed.
+// The first armed fault that matches a transfer takes it: an error fault
+// fails it with `error` and moves nothing; a short fault moves
+// min(short_bytes, len) bytes for real and returns that count. A transfer's
+// position is the descriptor's current offset; a descriptor's disk is the one
+// named by the path open_device opened it with. Offline faults ignore the
+// range. Faults are per process (a forked child inherits them).
 int fault_add(const Fault& f);
 // Disarms one fault, or all with -1.
 void fault_clear(int id = -1);
-// Number of times armed faults were hit since the last clear.
+// Number of times armed faults were hit since the last fault_clear(-1).
 long fault_hits();
 
 // Task-list source for tests: when set, open_task_device() succeeds without

@@ -1,0 +1,468 @@
+// platform.cpp - the operating-system seam: root mapping, device I/O, device
+// requests, key files and the task device, with the test fault table.
+//
+// Hot path. read, write and writev cost one relaxed atomic load beyond the
+// system call while no fault is armed. Paths are mapped into fixed buffers
+// at open and ftok time only; no transfer allocates.
+
+#include "platform.h"
+
+#include <fcntl.h>
+#include <linux/fs.h>
+#include <pthread.h>
+#include <sys/ioctl.h>
+#include <sys/ipc.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <vector>
+
+#ifndef O_LARGEFILE
+#define O_LARGEFILE 0
+#endif
+
+namespace qvfs::plat {
+namespace {
+
+// ---- root ---------------------------------------------------------------------
+
+// The root directory without trailing slashes; "" for the real system.
+char g_root[PATH_MAX];
+std::once_flag g_rootOnce;
+
+void load_root() {
+    g_root[0] = '\0';
+    const char* env = std::getenv("QVFS_ROOT");
+    if (env == nullptr || env[0] == '\0') return;
+    std::size_t len = std::strlen(env);
+    while (len > 1 && env[len - 1] == '/') --len;  // "/x/" and "/x" are one root
+    if (len == 1 && env[0] == '/') return;         // "/" is the real system
+    if (len >= sizeof(g_root)) return;             // unusable; stay on the real paths
+    std::memcpy(g_root, env, len);
+    g_root[len] = '\0';
+}
+
+const char* current_root() {
+    std::call_once(g_rootOnce, load_root);
+    return g_root;
+}
+
+// ---- descriptor -> disk --------------------------------------------------------
+
+// Disk number + 1 of each descriptor opened by open_device (0: not a disk).
+// Descriptors beyond the table are simply unknown; faults aimed at every
+// disk still reach them.
+constexpr int kFdSlots = 4096;
+std::array<std::atomic<int8_t>, kFdSlots> g_fdDisk{};
+
+// The disk number in a system path ("/dev/scsi/host07/part1" -> 7), or -1.
+int disk_of_path(const char* sysPath) {
+    static constexpr char kPrefix[] = "/dev/scsi/host";
+    const char* p = std::strstr(sysPath, kPrefix);
+    if (p == nullptr) return -1;
+    p += sizeof(kPrefix) - 1;
+    if (*p < '0' || *p > '9') return -1;
+    int n = 0;
+    while (*p >= '0' && *p <= '9' && n < 1000) n = n * 10 + (*p++ - '0');
+    return n <= 100 ? n : -1;
+}
+
+void remember_disk(int fd, int disk) {
+    if (fd >= 0 && fd < kFdSlots) {
+        g_fdDisk[fd].store(static_cast<int8_t>(disk + 1), std::memory_order_relaxed);
+    }
+}
+
+int disk_of_fd(int fd) {
+    if (fd < 0 || fd >= kFdSlots) return -1;
+    return g_fdDisk[fd].load(std::memory_order_relaxed) - 1;
+}
+
+// ---- fault table ------------------------------------------------------------------
+
+struct FaultSlot {
+    int id = 0;  // 0: slot unused
+    Fault f;
+};
+
+constexpr std::size_t kFaultSlots = 32;
+std::atomic<bool> g_armed{false};  // any slot in use; the only hot-path cost
+pthread_mutex_t g_faultMutex = PTHREAD_MUTEX_INITIALIZER;
+std::array<FaultSlot, kFaultSlots> g_faults;
+int g_nextFaultId = 1;
+long g_faultHits = 0;
+
+// What an armed fault makes of one transfer.
+struct Verdict {
+    bool hit = false;
+    int error = 0;       // != 0: fail with this errno, move nothing
+    std::size_t move = 0;  // otherwise: move this many bytes (< requested)
+};
+
+bool overlaps(const Fault& f, bool posKnown, uint64_t pos, std::size_t len) {
+    // A transfer whose position is unknown (a descriptor that cannot seek)
+    // is only hit by a fault covering the whole device.
+    if (!posKnown) return f.begin == 0 && f.end == UINT64_MAX;
+    uint64_t last = pos + (len > 0 ? len - 1 : 0);
+    if (last < pos) last = UINT64_MAX;
+    return pos < f.end && last >= f.begin;
+}
+
+// Consumes one hit of the first fault matching a transfer of len bytes of
+// kind op on fd. Caller checked g_armed.
+Verdict judge(int fd, unsigned op, std::size_t len) {
+    Verdict v;
+    int disk = disk_of_fd(fd);
+    int saved = errno;
+    off_t cur = ::lseek(fd, 0, SEEK_CUR);
+    errno = saved;
+    bool posKnown = cur >= 0;
+    uint64_t pos = posKnown ? static_cast<uint64_t>(cur) : 0;
+
+    pthread_mutex_lock(&g_faultMutex);
+    for (FaultSlot& s : g_faults) {
+        if (s.id == 0 || (s.f.ops & op) == 0 || s.f.remaining == 0) continue;
+        if (s.f.disk != -1 && s.f.disk != disk) continue;
+        if (op != kFaultOffline && !overlaps(s.f, posKnown, pos, len)) continue;
+        if (s.f.remaining > 0) --s.f.remaining;
+        ++g_faultHits;
+        v.hit = true;
+        if (s.f.short_bytes >= 0) {
+            v.move = static_cast<std::size_t>(s.f.short_bytes) < len
+                         ? static_cast<std::size_t>(s.f.short_bytes)
+                         : len;
+        } else {
+            v.error = s.f.error != 0 ? s.f.error : EIO;
+        }
+        break;
+    }
+    pthread_mutex_unlock(&g_faultMutex);
+    return v;
+}
+
+bool armed() { return g_armed.load(std::memory_order_relaxed); }
+
+ssize_t raw_read(int fd, void* buf, std::size_t len) {
+    ssize_t n;
+    do {
+        n = ::read(fd, buf, len);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+ssize_t raw_write(int fd, const void* buf, std::size_t len) {
+    ssize_t n;
+    do {
+        n = ::write(fd, buf, len);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+ssize_t raw_writev(int fd, const struct iovec* iov, int count) {
+    ssize_t n;
+    do {
+        n = ::writev(fd, iov, count);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
+// ---- task device -------------------------------------------------------------------
+
+// open_task_device hands out this value while a test source is set; it is
+// above every real descriptor and never passed to the kernel.
+constexpr int kTaskPseudoFd = 0x3FFFFFF0;
+constexpr unsigned long kTaskListRequest = 0x40545401UL;
+constexpr unsigned long kPresenceRequest = 0x400UL;
+
+pthread_mutex_t g_taskMutex = PTHREAD_MUTEX_INITIALIZER;
+TaskListFn g_taskFn = nullptr;
+void* g_taskCtx = nullptr;
+
+}  // namespace
+
+// ---- system paths ---------------------------------------------------------------------
+
+const char* root() { return current_root(); }
+
+void reload_root() {
+    current_root();  // the first load must not run after this one
+    load_root();
+}
+
+bool real_path(const char* sysPath, char* out, std::size_t n) {
+    if (sysPath == nullptr || out == nullptr || n == 0) return false;
+    const char* r = (sysPath[0] == '/') ? current_root() : "";
+    std::size_t rl = std::strlen(r);
+    std::size_t pl = std::strlen(sysPath);
+    if (rl + pl + 1 > n) return false;
+    std::memcpy(out, r, rl);
+    std::memcpy(out + rl, sysPath, pl + 1);
+    return true;
+}
+
+// ---- devices ------------------------------------------------------------------
+
+int open_device(const char* sysPath, int flags) {
+    char path[PATH_MAX];
+    if (!real_path(sysPath, path, sizeof(path))) {
+        errno = sysPath == nullptr ? EFAULT : ENAMETOOLONG;
+        return -1;
+    }
+    int fd;
+    do {
+        fd = ::open(path, flags | O_LARGEFILE, 0666);
+    } while (fd < 0 && errno == EINTR);
+    if (fd >= 0) remember_disk(fd, disk_of_path(sysPath));
+    return fd;
+}
+
+int close_fd(int fd) {
+    remember_disk(fd, -1);
+    return ::close(fd);
+}
+
+int64_t seek(int fd, uint64_t offset) {
+    if (offset > static_cast<uint64_t>(INT64_MAX)) {
+        errno = EINVAL;
+        return -1;
+    }
+    return ::lseek(fd, static_cast<off_t>(offset), SEEK_SET);
+}
+
+ssize_t read(int fd, void* buf, std::size_t len) {
+    if (armed()) {
+        Verdict v = judge(fd, kFaultRead, len);
+        if (v.hit) {
+            if (v.error != 0) {
+                errno = v.error;
+                return -1;
+            }
+            if (v.move == 0) return 0;
+            return raw_read(fd, buf, v.move);
+        }
+    }
+    return raw_read(fd, buf, len);
+}
+
+ssize_t write(int fd, const void* buf, std::size_t len) {
+    if (armed()) {
+        Verdict v = judge(fd, kFaultWrite, len);
+        if (v.hit) {
+            if (v.error != 0) {
+                errno = v.error;
+                return -1;
+            }
+            if (v.move == 0) return 0;
+            return raw_write(fd, buf, v.move);
+        }
+    }
+    return raw_write(fd, buf, len);
+}
+
+ssize_t writev(int fd, const struct iovec* iov, int count) {
+    if (armed() && iov != nullptr && count > 0) {
+        std::size_t total = 0;
+        for (int i = 0; i < count; ++i) total += iov[i].iov_len;
+        Verdict v = judge(fd, kFaultWritev, total);
+        if (v.hit) {
+            if (v.error != 0) {
+                errno = v.error;
+                return -1;
+            }
+            if (v.move == 0) return 0;
+            // The first v.move bytes of the vector, in a trimmed copy
+            // (test path only, so the allocation does not matter).
+            std::vector<struct iovec> part;
+            std::size_t left = v.move;
+            for (int i = 0; i < count && left > 0; ++i) {
+                struct iovec piece = iov[i];
+                if (piece.iov_len > left) piece.iov_len = left;
+                left -= piece.iov_len;
+                part.push_back(piece);
+            }
+            return raw_writev(fd, part.data(), static_cast<int>(part.size()));
+        }
+    }
+    return raw_writev(fd, iov, count);
+}
+
+int flush(int fd) {
+    if (::fdatasync(fd) != 0) return -1;
+    // Only a hint: recordings are not read back soon, so the pages would
+    // just crowd out the application's memory.
+    (void)::posix_fadvise(fd, 0, 0, POSIX_FADV_DONTNEED);
+    return 0;
+}
+
+int64_t device_size(const char* sysPath) {
+    int fd = open_device(sysPath, O_RDONLY);
+    if (fd < 0) return -1;
+    int64_t size = 0;
+    struct stat st;
+    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
+        size = st.st_size;
+    } else {
+        uint64_t bytes = 0;
+        unsigned long sectors = 0;
+        if (::ioctl(fd, BLKGETSIZE64, &bytes) == 0) {
+            size = static_cast<int64_t>(bytes);
+        } else if (::ioctl(fd, BLKGETSIZE, &sectors) == 0) {
+            size = static_cast<int64_t>(sectors) * 512;
+        }
+    }
+    close_fd(fd);
+    return size;
+}
+
+bool device_present(int fd) {
+    if (armed() && judge(fd, kFaultOffline, 0).hit) return false;
+    struct stat st;
+    if (::fstat(fd, &st) != 0) return false;
+    // Image files, character devices and the like have no presence request.
+    if (!S_ISBLK(st.st_mode)) return true;
+    int32_t state = 0;
+    if (::ioctl(fd, kPresenceRequest, &state) == 0) return state == 1;
+    return errno == ENOTTY || errno == EINVAL;
+}
+
+// ---- key files and System V keys ---------------------------------------------------
+
+int ftok(const char* sysPath, int projId) {
+    char path[PATH_MAX];
+    if (!real_path(sysPath, path, sizeof(path))) {
+        errno = sysPath == nullptr ? EFAULT : ENAMETOOLONG;
+        return -1;
+    }
+    return static_cast<int>(::ftok(path, projId));
+}
+
+int create_key_file(const char* sysPath) {
+    char path[PATH_MAX];
+    if (!real_path(sysPath, path, sizeof(path))) {
+        errno = sysPath == nullptr ? EFAULT : ENAMETOOLONG;
+        return -1;
+    }
+    int fd;
+    do {
+        fd = ::open(path, O_RDWR | O_CREAT | O_TRUNC, 0777);
+    } while (fd < 0 && errno == EINTR);
+    if (fd < 0) return -1;
+    ::close(fd);
+    return 0;
+}
+
+int make_dirs(const char* sysPath) {
+    char path[PATH_MAX];
+    if (!real_path(sysPath, path, sizeof(path))) {
+        errno = sysPath == nullptr ? EFAULT : ENAMETOOLONG;
+        return -1;
+    }
+    // Create each prefix in turn; an existing one is fine.
+    std::size_t len = std::strlen(path);
+    for (std::size_t i = 1; i <= len; ++i) {
+        if (path[i] != '/' && path[i] != '\0') continue;
+        char c = path[i];
+        path[i] = '\0';
+        if (::mkdir(path, 0777) != 0 && errno != EEXIST) return -1;
+        path[i] = c;
+    }
+    return dir_exists(sysPath) ? 0 : -1;
+}
+
+bool dir_exists(const char* sysPath) {
+    char path[PATH_MAX];
+    if (!real_path(sysPath, path, sizeof(path))) return false;
+    struct stat st;
+    return ::stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// ---- task device ---------------------------------------------------------------------
+
+int open_task_device() {
+    pthread_mutex_lock(&g_taskMutex);
+    bool pseudo = g_taskFn != nullptr;
+    pthread_mutex_unlock(&g_taskMutex);
+    if (pseudo) return kTaskPseudoFd;
+    char path[PATH_MAX];
+    if (!real_path("/dev/qvfs_task", path, sizeof(path))) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    int fd;
+    do {
+        fd = ::open(path, O_RDWR | O_NONBLOCK | O_LARGEFILE);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+int task_list(int fd, void* list84) {
+    if (list84 == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    if (fd == kTaskPseudoFd) {
+        pthread_mutex_lock(&g_taskMutex);
+        TaskListFn fn = g_taskFn;
+        void* ctx = g_taskCtx;
+        pthread_mutex_unlock(&g_taskMutex);
+        if (fn == nullptr) {
+            errno = EBADF;
+            return -1;
+        }
+        return fn(list84, ctx) == 0 ? 0 : -1;
+    }
+    return ::ioctl(fd, kTaskListRequest, list84) == 0 ? 0 : -1;
+}
+
+void set_task_source(TaskListFn fn, void* ctx) {
+    pthread_mutex_lock(&g_taskMutex);
+    g_taskFn = fn;
+    g_taskCtx = ctx;
+    pthread_mutex_unlock(&g_taskMutex);
+}
+
+// ---- fault injection ---------------------------------------------------------------------
+
+int fault_add(const Fault& f) {
+    pthread_mutex_lock(&g_faultMutex);
+    int id = -1;
+    for (FaultSlot& s : g_faults) {
+        if (s.id != 0) continue;
+        s.id = g_nextFaultId++;
+        s.f = f;
+        id = s.id;
+        break;
+    }
+    if (id > 0) g_armed.store(true, std::memory_order_relaxed);
+    pthread_mutex_unlock(&g_faultMutex);
+    if (id < 0) errno = ENOSPC;
+    return id;
+}
+
+void fault_clear(int id) {
+    pthread_mutex_lock(&g_faultMutex);
+    bool any = false;
+    for (FaultSlot& s : g_faults) {
+        if (id == -1 || s.id == id) s.id = 0;
+        any = any || s.id != 0;
+    }
+    if (id == -1) g_faultHits = 0;
+    g_armed.store(any, std::memory_order_relaxed);
+    pthread_mutex_unlock(&g_faultMutex);
+}
+
+long fault_hits() {
+    pthread_mutex_lock(&g_faultMutex);
+    long n = g_faultHits;
+    pthread_mutex_unlock(&g_faultMutex);
+    return n;
+}
+
+}  // namespace qvfs::plat
