@@ -1,0 +1,207 @@
+// bf.h - the block-file layer: one block as a unit of work.
+//
+// A block in use by any process has one shared record (TQvBlkShare) holding
+// its header and the reference count of all processes; each process that uses
+// the block has one handle (TQvBlkRec) with its own device descriptor.
+//
+// Locks, outer first (all System V semaphores, SEM_UNDO):
+//   g_tBlkMutex      - operations that load a block by address or name:
+//                      create, open, delete by name, statistics;
+//   record lock      - one per block (TQvBlkRec::lock): the shared header
+//                      copy, the handle's errNo and every seek + transfer on
+//                      the handle's descriptor;
+//   g_tBlkFileMutex  - the block table, inRef, shrRef, owner slots of the
+//                      records and the release of a block at its last drop;
+//                      taken only inside _bf_GetBlock / _bf_PutBlock (and row
+//                      by row in the dump), never while waiting for a block.
+// Disk-layer calls are made inside these; the disk's lock is innermost.
+//
+// Failures return -1 (or null, or the value named below) with a library
+// code in errno; a failed system call reports 3000 + its errno. No call
+// throws.
+#pragma once
+
+#include <sys/uio.h>
+
+#include "blockfile/bf_format.h"
+#include "disk/df.h"
+#include "fsc.h"
+
+extern "C" {
+
+// Lock ids, -1 until bf_Init.
+extern QVFS_API int g_tBlkFileMutex;
+extern QVFS_API int g_tBlkMutex;
+
+// ---- layer start ------------------------------------------------------------
+
+// Clears the block table, creates or opens g_tBlkFileMutex and g_tBlkMutex
+// (key file "/dvr/qvfs/qvfslayer", project numbers 98 and 99) and returns
+// df_Init's result. Once per process.
+QVFS_API int bf_Init(void);
+// Does nothing; returns 0.
+QVFS_API int bf_UnInit(void);
+
+// ---- header and slice directory ---------------------------------------------
+
+// Write the 512 bytes of a header at blkAddr, or of an entry at
+// blkAddr + sliceID * 512, through TCT_Write. 0, or -1: disk not ready or
+// device offline (errno untouched); short or failed write (errno + 3000, the
+// block reported bad). The caller holds the block's record lock.
+QVFS_API int _bf_WriteBlkInfo(const TQvBlkInfo* info, int fd, uint32_t disk, int32_t block,
+                              uint64_t blkAddr, uint32_t blkType);
+QVFS_API int _bf_WriteSlice(const TQvBlkSliceInfo* slice, int fd, uint32_t disk, int32_t block,
+                            uint64_t blkAddr, uint32_t blkType);
+
+// Debug printers to standard output; take no lock (print a copy, or hold the
+// record lock). The entry printer prints nothing for an entry whose times or
+// data end cannot be an entry's (startTime 0 or above 0x7FFFFFFF, dataEnd
+// above 1 GiB).
+QVFS_API int bf_PrintTQvBlkInfo(const TQvBlkInfo* info);
+QVFS_API void bf_PrintTQvBlkSliceInfo(const TQvBlkSliceInfo* slice);
+
+// ---- block-file table ---------------------------------------------------------
+
+// Loads block {disk, block}: the process's handle with one more reference
+// (inRef and shrRef + 1), or null. Null without an error code when the disk
+// is not ready or the header on disk is rejected (the block is then reported
+// bad); 1003 for a disk above 24 or a negative block; 1013 when the process
+// has 1024 blocks loaded; 3000 + errno when the device cannot be opened or
+// the header cannot be read. The header is read from disk only when no
+// process held the block; otherwise the shared copy (possibly ahead of the
+// disk) is kept. Takes g_tBlkFileMutex.
+QVFS_API TQvBlkRec* _bf_GetBlock(const TQvBlkId* id);
+// Drops one reference. The process's last reference closes the descriptor
+// and frees the handle; the last reference of all processes to a block
+// marked unlinked gives the block back to the disk layer. Returns 0.
+// Takes g_tBlkFileMutex.
+QVFS_API int _bf_PutBlock(TQvBlkRec* handle);
+
+// Creates a file: the disk layer picks the block (df_GetFileBlkId), a new
+// slice entry with a fresh check code is written with the header, and a sync
+// mark is set. Fills name (>= 33 bytes) with the text name plus at most 8
+// characters of req->ext, and slice with the new entry. Returns the block
+// handle holding one reference for the file, or null (1001 for a null
+// argument; the disk layer's or the loader's code; 1002 when the block's
+// directory is full). Takes g_tBlkMutex, then the record lock.
+QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkSliceInfo* slice);
+// Opens the file named by a text name or a path ending in one and fills
+// slice with its entry read from disk. Returns the block handle holding one
+// reference, or null: 1001 for a null argument, 3000 + errno when the entry
+// cannot be read (block reported bad), no error code when the name is
+// malformed, its slice lies outside the directory or its check code (compared
+// without regard to case) differs. Takes g_tBlkMutex, then the record lock.
+QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice);
+// Drops the reference of a create or open. 0, or -1 with 1001 for null.
+QVFS_API int bf_CloseFile(TQvBlkRec* handle);
+
+// Header counters. op 0: value 1 locks (+1), value 0 unlocks (-1), other
+// values nothing; op 1: recType + value; other ops nothing.
+// bf_BlockOpt takes the record lock and, when a counter changed, writes the
+// header through and sets the sync mark: 0, or -1 when that write failed
+// (the shared copy keeps the change). _bf_BlockOpt expects the record lock
+// held and changes only the shared copy; returns 0.
+QVFS_API int bf_BlockOpt(TQvBlkRec* handle, uint32_t op, int32_t value);
+QVFS_API int _bf_BlockOpt(TQvBlkRec* handle, uint32_t op, int32_t value);
+
+// ---- block I/O ------------------------------------------------------------------
+// Offsets are bytes from the block's start. Transfers go straight between the
+// caller's memory and the device, under the record lock. Each records its
+// outcome in the handle's errNo: 0, 5 (disk not ready or offline, transfer
+// failed: the block is reported bad) or 28 (a write ended in the block's last
+// 4 MiB).
+
+// Bytes read, or -1 (nothing read; also for length 0). 1001 null argument,
+// 1012 offset beyond the block size (only the start is tested).
+QVFS_API int bf_Read(uint32_t offset, void* data, uint32_t length, TQvBlkRec* handle);
+// length, or -1 (0 for length 0 when refused). 1001 null argument, 1012
+// offset beyond the block, 1002 (errNo 28) end beyond the block: nothing
+// written.
+QVFS_API int bf_Write(uint32_t offset, const void* data, uint32_t length, TQvBlkRec* handle);
+// One writev of the caller's vector: the total length, 0 (no element or
+// only empty ones; no lock taken), or -1. Null arguments give -1 without an
+// error code; 1012, 1002 as bf_Write; 1002 also for more elements than the
+// system takes in one call. A partial writev is not continued (block bad).
+QVFS_API int bf_Writev(uint32_t offset, const struct iovec* iov, int count, TQvBlkRec* handle);
+// Writes the entry back at sliceID * 512 and advances the header: `next` to
+// dataEnd rounded up to 4 KiB and `endTime` to the entry's, writing the
+// header only when one of them moved. Sets the sync mark. 0 or -1: 1001 null
+// argument, 1002 sliceID outside the directory, 3000 + errno on a failed
+// write (block reported bad). The shared copy keeps an advance whose header
+// write failed.
+QVFS_API int bf_Sync(const TQvBlkSliceInfo* slice, TQvBlkRec* handle);
+// The handle's errNo; 0 with 1001 for null. Takes the record lock.
+QVFS_API int bf_GetErrorNo(TQvBlkRec* handle);
+
+// ---- deletion and statistics ----------------------------------------------------
+
+// Deletes the file of a text name: its entry is cleared (sliceID kept), the
+// header's counters drop, and the block's last file gives the block back
+// (the result is then df_ReleaseBlock's). 0 or -1: 1001 null name, the
+// loader's code, 3000 + errno entry unreadable (block bad), no code for a
+// wrong check code or a slice outside the directory. Takes g_tBlkMutex, then
+// the record lock.
+QVFS_API int bf_Unlink(const char* name);
+// Marks the block unlinked and drops this call's reference: the block goes
+// back to the disk layer at the last drop of any process. 0, or -1 when the
+// block cannot be loaded.
+QVFS_API int bf_BlockUnlink(uint32_t disk, uint32_t blkId);
+// Lists the live entries found in the first 16 MiB of the block (read in
+// 512 KiB chunks through one buffer kept for the process) as file status
+// records, at most max. The number written, or -1 (1001 null argument, 1006
+// no buffer, loader's code, 3000 + errno on a failed read). A block whose
+// header counts files but whose directory holds none is given back.
+QVFS_API int bf_BlockStat(const char* path, uint32_t blkId, TQvFileStat* out, int max);
+// One 512 KiB segment of the listing into the caller's buffers; the count is
+// in segFound. 0 or -1.
+QVFS_API int bf_BlockStatSeg(TQvBlkSegQuery* query);
+// Block status: disk, block, dataType, lock and recType counters, state
+// (0 not allocated, 1 the current block of its channel and type,
+// 2 allocated), endTime. 0 or -1 (null out: no error code).
+QVFS_API int bf_GetBlockStat(uint32_t disk, uint32_t blkId, TQvBlkStat* out);
+// The header's cnt, or 0 (1001 for a null path).
+QVFS_API int bf_GetBlockFileNum(const char* path, uint32_t blkId);
+// Scans n <= 1024 sectors of buf for live entries (bytes 8..11 "QVND" in any
+// case) and fills at most n status records. Returns the number filled.
+QVFS_API int _bf_ScanSlices(const TQvBlkRec* handle, const void* buf, TQvFileStat* out, int n);
+// The process's block handles, one row each, then the disk layer's dump.
+// Returns the text length (0 for null text or size below 120).
+QVFS_API int bf_GetDebugInfo(char* text, int size);
+
+}  // extern "C"
+
+namespace qvfs::bf {
+
+// Whether a header read from disk may be used, given the unit size: a fresh
+// header (Len 0) only with slice and next 0; otherwise Len at most 16 MiB,
+// next at most the unit size and slice below Len / 512.
+bool header_acceptable(const TQvBlkInfo& h, uint64_t unitSize);
+
+// Whether slice number k names a directory entry of the header: 1 <= k and
+// k * 512 < Len. A header with Len 0 has none.
+inline bool slice_in_directory(const TQvBlkInfo& h, uint64_t k) {
+    return k >= 1 && k < (h.Len / kSector);
+}
+
+// The slice number (four hexadecimal characters 15 before the first '.') and
+// the check code (four characters 11 before it) of a text name or a path
+// ending in one. Both need a first '.' at least 23 characters from the start.
+bool name_slice_number(const char* name, uint32_t* slice);
+const char* name_check_code(const char* name);
+
+// The handle in slot i of the process's block table, or null. For the dump
+// and tests; the caller holds g_tBlkFileMutex when others may change it.
+TQvBlkRec* table_entry(uint32_t slot);
+
+// Gives the block of a loaded record back to the disk layer (the channel
+// whose tables count it; type and self-info length from the header) and,
+// when that succeeded, clears the shared header copy to match the zeroed
+// block front. The caller holds the record lock, or g_tBlkFileMutex with the
+// last reference.
+int release_block(TQvBlkShare* rec, uint32_t chn);
+
+// Scans `sectors` sectors of buf like _bf_ScanSlices.
+int scan_sectors(const TQvBlkRec* handle, const void* buf, uint32_t sectors, TQvFileStat* out,
+                 int n);
+
+}  // namespace qvfs::bf
