@@ -70,3 +70,78 @@ QVFS_API int32_t df_GetBlockNumOfDataType(const char* path, uint32_t channel, ui
 QVFS_API int df_GetDebugInfo(char* buf, int32_t size);
 
 }  // extern "C"
+
+// ---- disk-layer internals (hidden; shared by the disk/*.cpp files) ----
+namespace qvfs::disk {
+
+inline constexpr uint32_t kImageSize = sizeof(TQvDiskShare);
+inline constexpr uint32_t kHeadSize = sizeof(TQvDiskHead);
+inline constexpr uint32_t kBlockHeadSize = 512;
+
+// Owner key of a disk's shared image: high word disk * 256 + 255, low word
+// all ones. The pool takes the disk index from bits 40..47.
+inline constexpr uint64_t owner_key(uint32_t disk) {
+    return (uint64_t(disk * 256u + 255u) << 32) | 0xFFFFFFFFull;
+}
+
+// The process's record of a disk index (the caller checked index <= 24).
+inline TQvDiskRec& rec(uint32_t disk) { return g_astQvDisk[disk]; }
+
+// A disk is ready in this process when the image is attached, some process
+// has it mounted and it is not marked unmounted. Caller holds the disk lock.
+inline bool is_ready(const TQvDiskRec& d) {
+    return d.share != nullptr && d.share->mounted != 0 && d.share->stat != 1;
+}
+
+// Attaches (or creates) the image of disk `index` and stores it in d.share.
+// Returns the image or null with errno from the pool.
+TQvDiskShare* attach_image(TQvDiskRec& d, uint32_t index);
+
+// Outcome of one positioned metadata write.
+enum class Put { kOk, kOffline, kFailed };
+
+// Seeks fd to off, tests that the device is online, then writes the whole
+// piece with TCT_Write. kFailed leaves errno + 3000 (3000 for a short write);
+// kOffline leaves errno as it was.
+Put put_piece(int fd, uint64_t off, const void* buf, uint32_t len);
+
+// Seeks and reads the whole piece; false leaves errno + 3000.
+bool get_piece(int fd, uint64_t off, void* buf, uint32_t len);
+
+// Writes one 4 KiB chunk of type t of the current-block (resp. block-count)
+// table from the image to meta region `region`. Caller holds the disk lock.
+Put put_current_chunk(const TQvDiskRec& d, uint32_t region, uint32_t t);
+Put put_count_chunk(const TQvDiskRec& d, uint32_t region, uint32_t t);
+
+// Byte offset of block b of a disk whose header is h (64-bit arithmetic).
+inline uint64_t block_addr(const TQvDiskHead& h, uint32_t b) {
+    return h.dataStart + uint64_t(b) * h.blockSize;
+}
+
+// Number of blocks the status map describes: min(tolblk, 131072).
+inline uint32_t map_blocks(const TQvDiskHead& h) {
+    return h.tolblk < kMaxBlocks ? h.tolblk : kMaxBlocks;
+}
+
+// Fields of a block header (the first 512 bytes of a block) that the disk
+// layer reads; the record itself belongs to the block-file layer.
+struct BlockHeadView {
+    uint32_t len;        // byte 0: length of the header area
+    uint64_t startTime;  // byte 8
+    uint64_t endTime;    // byte 16
+    uint32_t chn;        // byte 24
+    uint32_t dataType;   // byte 28
+    uint32_t cnt;        // byte 44
+    uint64_t next;       // byte 56
+    uint32_t slice;      // byte 64
+};
+BlockHeadView parse_block_head(const uint8_t* sector);
+
+// Starts this process's flush thread once (again in a forked child).
+void start_flush_thread();
+
+// Number of descriptor flushes the flush thread of this process has made
+// for a disk since the process started. For tests and diagnosis.
+long flush_count(uint32_t disk);
+
+}  // namespace qvfs::disk

@@ -1,0 +1,316 @@
+// mount.cpp - the per-process disk table, mount, unmount, the mount-time
+// loader with its version upgrade, and the small readiness queries.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "common/devio.h"
+#include "common/platform.h"
+#include "common/proc_lock.h"
+#include "disk/df.h"
+
+using namespace qvfs::disk;
+
+namespace {
+
+constexpr TQvDiskRec kUnsetDisk{-1, -1, -1, 0, nullptr};
+
+// The header read as a zero-terminated string equals "QVFS": the four
+// letters and a zero byte. Never looks past byte 4.
+bool is_magic(const void* head) { return std::memcmp(head, "QVFS", 5) == 0; }
+
+// Reads one header copy into buf. False leaves errno + 3000.
+bool read_head(int fd, void* buf) {
+    return get_piece(fd, kHeadPrimary, buf, kHeadSize) || get_piece(fd, kHeadBackup, buf, kHeadSize);
+}
+
+// Writes the sixteen block-count chunks of the image to one meta region.
+// Returns the number of chunks skipped offline or failed.
+int write_count_chunks(const TQvDiskRec& d, uint32_t region) {
+    int failures = 0;
+    for (uint32_t t = 0; t < kTypes; ++t)
+        if (put_count_chunk(d, region, t) != Put::kOk) ++failures;
+    return failures;
+}
+
+// Reads one 4 KiB table chunk. Only a failing read counts; a short one is
+// accepted (the chunk keeps what it had beyond the bytes read).
+bool read_chunk(int fd, uint64_t off, void* chunk) {
+    if (qvfs::plat::seek(fd, off) < 0) {
+        qvfs::raise_sys_error();
+        return false;
+    }
+    if (TCT_Read(fd, chunk, kChunk, 0) < 0) {
+        qvfs::raise_sys_error();
+        return false;
+    }
+    return true;
+}
+
+// The first-mount path of the loader: header, status map, upgrade of an old
+// version, tables. Caller holds the disk lock; d.fd is open.
+int load_image(TQvDiskRec& d) {
+    TQvDiskShare& s = *d.share;
+    uint32_t region = 0;
+    if (!get_piece(d.fd, kHeadPrimary, &s.head, kHeadSize)) {
+        if (!get_piece(d.fd, kHeadBackup, &s.head, kHeadSize)) return -1;
+        region = 1;
+    }
+    // The header decides how much of the image is trusted: the magic says
+    // the partition is ours, the block count must fit the status map.
+    if (!is_magic(&s.head)) {
+        errno = QVFS_ERR_NOTFORMATTED;
+        return -1;
+    }
+    if (s.head.tolblk > kMaxBlocks) {
+        errno = QVFS_ERR_BADHANDLE;
+        return -1;
+    }
+
+    int32_t mapIndex = 0;
+    if (!get_piece(d.fd, map_first(region), s.map, kMapSize)) {
+        if (!get_piece(d.fd, map_second(region), s.map, kMapSize)) return -1;
+        mapIndex = 1;
+    }
+
+    // Versions 0 and 1 kept no block-count table: rebuild it from the block
+    // headers and write it to both regions. The rebuilt table then stays in
+    // the image even when only the other region took it, so the chunks are
+    // not read back below.
+    bool upgraded = false;
+    if (s.head.ver <= 1) {
+        std::memset(s.count, 0, sizeof s.count);
+        if (_df_GetBlockNumOfDataType(&d) != 0) return -1;
+        const int fail0 = write_count_chunks(d, 0);
+        const int fail1 = write_count_chunks(d, 1);
+        if (fail0 > 0 && fail1 > 0) return -1;
+        s.head.ver = kDiskVersion;
+        uint32_t primaryFailed = 0;
+        if (_df_WriteDiskHead(&d, &primaryFailed) == -1) return -1;
+        upgraded = true;
+    }
+
+    for (uint32_t t = 0; t < kTypes; ++t) {
+        if (!read_chunk(d.fd, current_chunk(region, t), s.current[t])) return -1;
+        if (!upgraded && !read_chunk(d.fd, count_chunk(region, t), s.count[t])) return -1;
+    }
+    s.mapIndex = mapIndex;
+    return 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+QVFS_API TQvDiskRec g_astQvDisk[QVFS_MAX_DISKS] = {
+    kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk,
+    kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk,
+    kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk,
+    kUnsetDisk, kUnsetDisk, kUnsetDisk, kUnsetDisk};
+QVFS_API int g_tTimerMutex = -1;
+QVFS_API uint64_t g_ullUnitSize = 0;
+
+int df_Init(void) {
+    int failures = 0;
+    for (uint32_t i = 0; i < QVFS_MAX_DISKS; ++i) {
+        TQvDiskRec& d = rec(i);
+        d.fd = -1;
+        d.index = -1;
+        d.syncMark = 0;
+        d.share = nullptr;
+        d.lock = fsc_ProcLockInit(fsc_GetShmKey(2048 + static_cast<int>(i)));
+        if (d.lock < 0) ++failures;
+    }
+    char path[64] = {};
+    std::snprintf(path, sizeof path, "%s/qvfslayer", QVFS_KEY_DIR);
+    g_tTimerMutex = fsc_ProcLockInit(fsc_GetShareKey(path, 100));
+    start_flush_thread();
+    return failures ? -1 : 0;
+}
+
+int df_Uninit(void) { return 0; }
+
+// Loads the disk's image at mount. The first process to mount reads the
+// header, status map and tables into the shared image; later ones only
+// check that the device still carries a header. Caller holds the disk lock.
+// On failure the process forgets its attachment (share null).
+int _df_LoadDisk(TQvDiskRec* disk) {
+    if (disk == nullptr || disk->index < 0 || disk->index >= QVFS_MAX_DISKS) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    TQvDiskRec& d = *disk;
+    if (d.share == nullptr && attach_image(d, static_cast<uint32_t>(d.index)) == nullptr) return -1;
+
+    const int result = [&]() -> int {
+        if (d.fd < 0) {
+            errno = QVFS_ERR_BADHANDLE;
+            return -1;
+        }
+        if (d.share->mounted == 0) return load_image(d);
+        char head[kHeadSize] = {};
+        if (!read_head(d.fd, head)) return -1;
+        if (!is_magic(head)) {
+            errno = QVFS_ERR_NOTFORMATTED;
+            return -1;
+        }
+        return 0;
+    }();
+    if (result != 0) d.share = nullptr;
+    return result;
+}
+
+// Rebuilds the block-count table of the image from the headers of the
+// blocks in use. Caller holds the disk lock and has zeroed the table.
+int _df_GetBlockNumOfDataType(TQvDiskRec* disk) {
+    if (disk == nullptr || disk->share == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    auto* sector = static_cast<uint8_t*>(qvfs_Malloc(kBlockHeadSize));
+    if (sector == nullptr) {
+        errno = QVFS_ERR_NOMEM;
+        return -1;
+    }
+    TQvDiskShare& s = *disk->share;
+    const uint32_t blocks = map_blocks(s.head);
+    for (uint32_t i = 0; i < blocks; ++i) {
+        if (s.map[i] != QV_BLK_USED) continue;
+        if (!get_piece(disk->fd, block_addr(s.head, i), sector, kBlockHeadSize)) {
+            qvfs_Free(sector);
+            return -1;
+        }
+        const BlockHeadView h = parse_block_head(sector);
+        if (h.chn < kChannels && h.dataType < kTypes) ++s.count[h.dataType][h.chn];
+    }
+    qvfs_Free(sector);
+    return 0;
+}
+
+int df_DiskMount(const char* path) {
+    if (path == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
+    if (index >= QVFS_MAX_DISKS) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    TQvDiskRec& d = rec(index);
+    qvfs::ProcLockGuard lock(d.lock);  // the disk's image and this record
+    if (d.index < 0) d.index = static_cast<int32_t>(index);
+    bool openedHere = false;
+    if (d.fd < 0) {
+        d.fd = qvfs::plat::open_device(path, O_RDWR | O_LARGEFILE);
+        if (d.fd < 0) {
+            qvfs::raise_sys_error();
+            return -1;
+        }
+        openedHere = true;
+    }
+    if (_df_LoadDisk(&d) != 0) {
+        const int err = errno;
+        qvfs::plat::close_fd(d.fd);
+        d.fd = -1;
+        errno = err;
+        return -1;
+    }
+    g_ullUnitSize = d.share->head.blockSize;
+    // Only a mount that opened the device counts: a process mounts a disk
+    // once however often it calls this.
+    if (openedHere) ++d.share->mounted;
+    d.share->stat = 0;
+    return 0;
+}
+
+int df_DiskUnmout(const char* path, uint32_t mode) {
+    if (path == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
+    if (index >= QVFS_MAX_DISKS) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    TQvDiskRec& d = rec(index);
+    qvfs::ProcLockGuard lock(d.lock);
+    if (d.share != nullptr && d.fd >= 0) {
+        qvfs::plat::close_fd(d.fd);
+        d.fd = -1;
+        TQvDiskShare& s = *d.share;
+        if (mode == 1) {
+            s.mounted = 0;
+            s.stat = 1;
+        } else if (--s.mounted <= 0) {
+            s.mounted = 0;
+            s.stat = 1;
+        }
+    }
+    d.index = -1;
+    return 0;
+}
+
+int df_DiskStatfs(const char* path, TQvStatfs* out) {
+    if (path == nullptr || out == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
+    if (index >= QVFS_MAX_DISKS) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    TQvDiskRec& d = rec(index);
+    qvfs::ProcLockGuard lock(d.lock);
+    if (!is_ready(d)) return -1;
+    const TQvDiskShare& s = *d.share;
+    uint64_t freeBlocks = 0;
+    uint32_t bad = 0;
+    const uint32_t blocks = map_blocks(s.head);
+    for (uint32_t i = 0; i < blocks; ++i) {
+        if (s.map[i] == QV_BLK_FREE) ++freeBlocks;
+        else if (is_bad(s.map[i])) ++bad;
+    }
+    const uint64_t sectorsPerBlock = s.head.blockSize / 512u;
+    out->f_type = QVFS_STATFS_MAGIC;
+    out->f_bsize = 512;
+    out->f_blocks = sectorsPerBlock * s.head.tolblk;
+    out->f_bfree = sectorsPerBlock * freeBlocks;
+    out->f_bavail = out->f_bfree;
+    out->f_spare[0] = bad;
+    return 0;
+}
+
+int df_IsDiskReady(uint32_t disk) {
+    if (disk >= QVFS_MAX_DISKS || rec(disk).share == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    TQvDiskRec& d = rec(disk);
+    qvfs::ProcLockGuard lock(d.lock);
+    return is_ready(d) ? 0 : -1;
+}
+
+uint32_t df_GetDiskVersion(const char* path) {
+    if (path == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return 1;
+    }
+    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
+    if (index >= QVFS_MAX_DISKS || rec(index).share == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return 1;
+    }
+    TQvDiskRec& d = rec(index);
+    qvfs::ProcLockGuard lock(d.lock);
+    return d.share->head.ver;
+}
+
+uint64_t df_GetDiskUnitSize(void) { return g_ullUnitSize; }
+
+}  // extern "C"

@@ -1,0 +1,73 @@
+// disk_env.h - a formatted, mounted disk on a sparse image for tests of the
+// disk layer and the layers above it.
+//
+//   class MyTest : public qvfs::test::DiskTest {};
+//   TEST_F(MyTest, X) {
+//       std::string path = ready_disk(3, 9);   // 9 blocks, mounted
+//       ...
+//       EXPECT_TRUE(meta_on_disk_matches(3));  // both meta regions == image
+//   }
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "disk/df.h"
+#include "support/sandbox.h"
+
+namespace qvfs::test {
+
+inline constexpr uint64_t kGiB = 1ull << 30;
+
+// Size of a device that formats to exactly `blocks` blocks.
+inline constexpr uint64_t image_bytes_for(uint32_t blocks) {
+    return qvfs::disk::kDataStart + (uint64_t(blocks) + 1) * kGiB;
+}
+
+// The fields of a block header the disk layer reads (little-endian).
+struct TestBlockHead {
+    uint32_t len = 0x200000;
+    uint64_t startTime = 0;
+    uint64_t endTime = 0;
+    uint32_t chn = 0;
+    uint32_t dataType = 0;
+    uint32_t cnt = 0;
+    uint64_t next = 0x200000;
+    uint32_t slice = 0;
+};
+
+class DiskTest : public SandboxTest {
+protected:
+    // Attaches the shared state and runs df_Init (locks, flush thread).
+    void SetUp() override;
+    // Forced unmount of every disk a test mounted, so that no flush of this
+    // process runs on images that the sandbox is about to delete.
+    void TearDown() override;
+
+    // Creates an image that formats to `blocks` blocks, formats (mode 0) and
+    // mounts it. Returns the device path; fails the test on error.
+    std::string ready_disk(int disk, uint32_t blocks);
+
+    TQvDiskShare& image(int disk) { return *g_astQvDisk[disk].share; }
+
+    // Raw bytes of a disk's image file.
+    std::vector<uint8_t> read_dev(int disk, uint64_t off, size_t len) const;
+    void write_dev(int disk, uint64_t off, const void* buf, size_t len) const;
+
+    // Writes a block header at the start of a block.
+    void write_block_head(int disk, uint32_t block, const TestBlockHead& h) const;
+
+    // Both header copies (when `headers`), and the status map (both
+    // locations) and all table chunks of the chosen meta regions, as stored
+    // on the device, equal the shared image.
+    ::testing::AssertionResult meta_on_disk_matches(int disk, bool region0 = true, bool region1 = true,
+                                                    bool headers = true) const;
+
+    // An allocation request for a channel, file data-type code and length.
+    static TQvfsOpenParam request(const std::string& path, uint32_t chn, int32_t code = 0, int32_t len = 0);
+};
+
+}  // namespace qvfs::test
