@@ -1,0 +1,253 @@
+// io.cpp - file positions onto block addresses, reading, writing, gathering
+// writes, growth, the pre-record pointers, truncation and syncing.
+//
+// The logical file is up to three parts laid end to end:
+//   part 1  the older piece of a wrapped ring   [preStart, resEnd)
+//   part 2  the rest of the ring (or all of it) [resStart or preStart, preEnd)
+//   part 3  the main data                       [dataStart, limit)
+// where the limit is dataEnd for reads and 0x7FFFFFFF for writes, so that a
+// write may extend the data. Before the pre-record pointers are set, a file
+// with a reserved area is one linear part from resStart.
+//
+// Every call maps and transfers under the per-file lock, so the position
+// fields cannot change between the mapping and the transfers, and a
+// grower's bf_Sync completes before another caller maps. The block layer
+// bounds every transfer by the block size, whatever the mapping produced.
+#include <climits>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+
+#include "common/proc_lock.h"
+#include "file/tf_internal.h"
+
+namespace qvfs::file {
+namespace {
+
+constexpr uint64_t kWriteLimit = 0x7FFFFFFF;
+// Room of a segment list; the mapping produces at most 3 entries.
+constexpr int kMaxSegments = 10;
+constexpr int kParts = 3;
+// writev takes at most this many entries; a split list needs one more slot
+// for the remainder of an entry cut at a segment's end.
+constexpr int kMaxIov = IOV_MAX;
+
+struct Part {
+    uint64_t base = 0;
+    uint64_t len = 0;
+};
+
+// b - a, or 0 when a damaged entry has b below a.
+uint64_t span(uint64_t a, uint64_t b) { return b > a ? b - a : 0; }
+
+void lay_out_parts(const TQvBlkSliceInfo& s, bool isRead, Part (&p)[kParts]) {
+    uint64_t limit = isRead ? s.dataEnd : kWriteLimit;
+    if (s.resStart == 0 || s.resEnd == 0) {
+        p[2] = {s.dataStart, span(s.dataStart, limit)};
+    } else if (s.preStart == 0 || s.preEnd == 0) {
+        p[2] = {s.resStart, kWriteLimit};
+    } else if (s.preStart <= s.preEnd) {
+        p[1] = {s.preStart, s.preEnd - s.preStart};
+        p[2] = {s.dataStart, span(s.dataStart, limit)};
+    } else {
+        p[0] = {s.preStart, span(s.preStart, s.resEnd)};
+        p[1] = {s.resStart, span(s.resStart, s.preEnd)};
+        p[2] = {s.dataStart, span(s.dataStart, limit)};
+    }
+}
+
+bool usable(const TQvFileHandle* h) { return h != nullptr && h->rec != nullptr; }
+
+// After a transfer that ended at `end` (block address): a file that grew
+// takes the new dataEnd and the current time and stores its entry. Writes
+// that end inside the data, or beyond the block, change nothing.
+void grow_to(TQvFileHandle* h, uint64_t end) {
+    TQvBlkSliceInfo& s = h->rec->slice;
+    if (end > df_GetDiskUnitSize() || s.dataEnd >= end) return;
+    s.dataEnd = end;
+    s.endTime = uint64_t(int64_t(time(nullptr)));
+    bf_Sync(&s, h->blkFile);
+}
+
+}  // namespace
+
+uint64_t prerecord_length(const TQvBlkSliceInfo& s) {
+    if (s.preEnd == 0 || s.preStart == 0) return 0;
+    if (s.preStart < s.preEnd) return s.preEnd - s.preStart;
+    return (s.resEnd - s.resStart) + (s.preEnd - s.preStart);
+}
+
+}  // namespace qvfs::file
+
+using namespace qvfs;
+using namespace qvfs::file;
+
+int _tf_MapSegments(uint32_t pos, uint32_t len, const TQvBlkSliceInfo* slice, uint32_t* addr,
+                    uint32_t* lens, int isRead) {
+    if (slice == nullptr || addr == nullptr || lens == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    if (len == 0) return -1;
+    Part parts[kParts];
+    lay_out_parts(*slice, isRead != 0, parts);
+    uint64_t cur = pos;
+    uint64_t remaining = len;
+    uint64_t partStart = 0;
+    int n = 0;
+    for (const Part& p : parts) {
+        uint64_t partEnd = partStart + p.len;
+        if (partEnd > cur) {
+            uint64_t take = partEnd - cur < remaining ? partEnd - cur : remaining;
+            addr[n] = uint32_t(p.base + (cur - partStart));
+            lens[n] = uint32_t(take);
+            ++n;
+            cur += take;
+            remaining -= take;
+            if (remaining == 0) break;
+        }
+        partStart = partEnd;
+    }
+    return n == 0 ? -1 : n;
+}
+
+int tf_Read(uint32_t pos, void* buf, uint32_t len, TQvFileHandle* handle) {
+    if (buf == nullptr || !usable(handle)) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    ProcLockGuard file(handle->lockId);
+    uint32_t addr[kMaxSegments], lens[kMaxSegments];
+    int n = _tf_MapSegments(pos, len, &handle->rec->slice, addr, lens, 1);
+    if (n < 0) return -1;
+    auto* out = static_cast<unsigned char*>(buf);
+    int total = 0;
+    for (int i = 0; i < n; ++i) {
+        int r = bf_Read(addr[i], out, lens[i], handle->blkFile);
+        handle->errNo = bf_GetErrorNo(handle->blkFile);
+        if (r < 0) return -1;
+        out += lens[i];
+        total += r;
+    }
+    return total;
+}
+
+int tf_Write(uint32_t pos, const void* buf, uint32_t len, TQvFileHandle* handle) {
+    if (buf == nullptr || !usable(handle)) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    ProcLockGuard file(handle->lockId);
+    uint32_t addr[kMaxSegments], lens[kMaxSegments];
+    int n = _tf_MapSegments(pos, len, &handle->rec->slice, addr, lens, 0);
+    if (n < 0) return -1;
+    auto* in = static_cast<const unsigned char*>(buf);
+    int last = 0;
+    for (int i = 0; i < n; ++i) {
+        last = bf_Write(addr[i], in, lens[i], handle->blkFile);
+        handle->errNo = bf_GetErrorNo(handle->blkFile);
+        if (last < 0) return -1;
+        in += lens[i];
+    }
+    if (last != 0) grow_to(handle, uint64_t(addr[n - 1]) + lens[n - 1]);
+    return int(len);
+}
+
+int tf_Writev(uint32_t pos, const struct iovec* iov, int iovcnt, TQvFileHandle* handle) {
+    if (iov == nullptr || !usable(handle) || iovcnt < 0) return -1;
+    uint32_t sum = 0;
+    for (int i = 0; i < iovcnt; ++i) sum += uint32_t(iov[i].iov_len);
+    if (sum > df_GetDiskUnitSize()) return -1;
+
+    ProcLockGuard file(handle->lockId);
+    uint32_t addr[kMaxSegments], lens[kMaxSegments];
+    int n = _tf_MapSegments(pos, sum, &handle->rec->slice, addr, lens, 0);
+    if (n < 0) return -1;
+
+    int last = 0;
+    if (n == 1) {
+        last = bf_Writev(addr[0], iov, iovcnt, handle->blkFile);
+        handle->errNo = bf_GetErrorNo(handle->blkFile);
+        if (last < 0) return -1;
+    } else {
+        // Each segment gets the run of the caller's entries that falls into
+        // it: an entry cut at a segment's end continues the next segment's
+        // list, so a list never needs more than iovcnt + 1 slots. The data
+        // itself is not copied.
+        if (iovcnt > kMaxIov) return -1;
+        struct iovec split[kMaxIov + 1];
+        int entry = 0;      // the caller's entry reached
+        size_t used = 0;    // bytes of it already given to earlier segments
+        for (int s = 0; s < n; ++s) {
+            int count = 0;
+            uint64_t room = lens[s];
+            while (room > 0 && entry < iovcnt) {
+                size_t avail = iov[entry].iov_len - used;
+                char* base = static_cast<char*>(iov[entry].iov_base) + used;
+                if (avail <= room) {
+                    split[count++] = {base, avail};
+                    room -= avail;
+                    ++entry;
+                    used = 0;
+                } else {
+                    split[count++] = {base, size_t(room)};
+                    used += size_t(room);
+                    room = 0;
+                }
+            }
+            last = bf_Writev(addr[s], split, count, handle->blkFile);
+            handle->errNo = bf_GetErrorNo(handle->blkFile);
+            if (last < 0) return -1;
+        }
+    }
+    if (last != 0) grow_to(handle, uint64_t(addr[n - 1]) + lens[n - 1]);
+    return int(sum);
+}
+
+int tf_SyncFile(TQvFileHandle* handle) {
+    if (!usable(handle)) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    ProcLockGuard file(handle->lockId);
+    return bf_Sync(&handle->rec->slice, handle->blkFile);
+}
+
+int tf_UpdataePreRecPtr(TQvFileHandle* handle, uint64_t start, uint64_t end) {
+    if (!usable(handle)) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    uint64_t unit = df_GetDiskUnitSize();
+    if (start > unit || end > unit) {
+        errno = QVFS_ERR_BLOCKRANGE;
+        return -1;
+    }
+    ProcLockGuard file(handle->lockId);
+    TQvBlkSliceInfo& s = handle->rec->slice;
+    s.preStart = s.resStart + start;
+    s.preEnd = s.resStart + end;
+    s.dataStart = s.resEnd;
+    s.dataEnd = s.resEnd;
+    return bf_Sync(&s, handle->blkFile);
+}
+
+int tf_ftruncate(TQvFileHandle* handle, uint64_t length) {
+    if (!usable(handle)) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    uint64_t unit = df_GetDiskUnitSize();
+    if (length > unit) {
+        errno = QVFS_ERR_BLOCKRANGE;
+        return -1;
+    }
+    ProcLockGuard file(handle->lockId);
+    TQvBlkSliceInfo& s = handle->rec->slice;
+    uint64_t pre = prerecord_length(s);
+    if (length < pre) return -1;  // the pre-record part cannot be cut
+    uint64_t data = length - pre;
+    if (data > unit) return -1;
+    s.dataEnd = s.dataStart + data;
+    return bf_Sync(&s, handle->blkFile);
+}

@@ -1,0 +1,308 @@
+// table.cpp - the file table, the shared file records, open, close and
+// unlink, and the layer's start and stop.
+//
+// Invariants kept under g_qvFileMutex:
+//   - a slot of the file table is either null or holds a handle whose
+//     `index` is that slot and whose inRef is at least 1;
+//   - every reference of a handle (inRef) is also one count of its record's
+//     shrRef, and, when the process holds an owner slot, one of its count.
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "common/proc_lock.h"
+#include "file/tf_internal.h"
+
+int g_qvFileMutex = -1;
+
+namespace qvfs::file {
+namespace {
+
+TQvFileHandle* g_fileTable[kFileTableSize];
+
+// A text name's fields sit at fixed distances before its first '.'; a
+// string whose dot stands closer to its start carries no name.
+constexpr std::ptrdiff_t kMinDotPos = 23;
+constexpr std::ptrdiff_t kBlockBeforeDot = 21;  // 6 hex digits
+constexpr std::ptrdiff_t kSliceBeforeDot = 15;  // 4 hex digits
+
+// Reads up to n hexadecimal digits, stopping at the first other character.
+uint32_t read_hex(const char* p, int n) {
+    uint32_t v = 0;
+    for (int i = 0; i < n; ++i) {
+        char c = p[i];
+        uint32_t d;
+        if (c >= '0' && c <= '9') d = uint32_t(c - '0');
+        else if (c >= 'a' && c <= 'f') d = uint32_t(c - 'a' + 10);
+        else if (c >= 'A' && c <= 'F') d = uint32_t(c - 'A' + 10);
+        else break;
+        v = v * 16 + d;
+    }
+    return v;
+}
+
+// Whether the record's stored name is non-empty and occurs inside name. The
+// stored name lives in shared memory: it is bounded to its 64 bytes here
+// whatever another process left in it.
+bool stored_name_matches(const TQvFileRec* rec, const char* name) {
+    char stored[kNameSize];
+    std::memcpy(stored, rec->name, kNameSize);
+    stored[kNameSize - 1] = '\0';
+    return stored[0] != '\0' && std::strstr(name, stored) != nullptr;
+}
+
+// Counts one more open of the calling process in the owner slots: its own
+// slot, else the first free one; with all 8 taken by others nothing is kept.
+void record_opener(TQvFileRec* rec, int32_t pid) {
+    for (TQvFileOwner& o : rec->owner) {
+        if (o.pid == pid) {
+            ++o.count;
+            return;
+        }
+    }
+    for (TQvFileOwner& o : rec->owner) {
+        if (o.pid == 0) {
+            o.pid = pid;
+            o.count = 1;
+            return;
+        }
+    }
+}
+
+void drop_opener(TQvFileRec* rec, int32_t pid) {
+    for (TQvFileOwner& o : rec->owner) {
+        if (o.pid == pid) {
+            if (--o.count <= 0) o = TQvFileOwner{0, 0};
+            return;
+        }
+    }
+}
+
+void clear_slot(TQvFileHandle* h) {
+    if (h->index < kFileTableSize && g_fileTable[h->index] == h) g_fileTable[h->index] = nullptr;
+}
+
+// The record-making part of _tf_GetFile, g_qvFileMutex held. Null with the
+// error code set; the table and the records are then as before.
+TQvFileHandle* make_handle(const char* name) {
+    if (name[0] == '\0') {
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    int disk = fsc_GetDiskNumByPath(name);
+    const char* dot = std::strchr(name, '.');
+    if (dot == nullptr || dot - name < kMinDotPos) {
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    uint32_t slice = read_hex(dot - kSliceBeforeDot, 4);
+    uint32_t block = read_hex(dot - kBlockBeforeDot, 6);
+    if (disk < 0) {
+        disk = int(fsc_DiskAtoI(static_cast<unsigned char>(dot[-2])) * 24 +
+                   fsc_DiskAtoI(static_cast<unsigned char>(dot[-1])));
+    }
+    if (df_IsDiskReady(uint32_t(disk)) != 0) {
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    uint64_t key = file_owner_key(uint32_t(disk), block, slice);
+    if (key == 0) {
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    uint32_t slot = 0;
+    while (slot < kFileTableSize && g_fileTable[slot] != nullptr) ++slot;
+    if (slot == kFileTableSize) {
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    auto* h = static_cast<TQvFileHandle*>(qvfs_Malloc(sizeof(TQvFileHandle)));
+    if (h == nullptr) {
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    std::memset(h, 0, sizeof *h);
+    h->index = slot;
+    h->lockId = -1;
+    g_fileTable[slot] = h;
+
+    auto* rec = static_cast<TQvFileRec*>(fsc_TfMalloc(key, sizeof(TQvFileRec)));
+    if (rec == nullptr) {
+        g_fileTable[slot] = nullptr;
+        qvfs_Free(h);
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    // All processes that attach this record reach the same semaphore.
+    int shareKey = fsc_GetShmKey(rec->shareIndex);
+    int lockId = shareKey < 0 ? -1 : fsc_ProcLockInit(shareKey + kRecordLockKeyOffset);
+    if (lockId < 0) {
+        fsc_TfFree(rec);  // frees it only when no process counts it
+        g_fileTable[slot] = nullptr;
+        qvfs_Free(h);
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    h->lockId = lockId;
+    h->rec = rec;
+    std::memset(rec->name, 0, kNameSize);
+    std::strncpy(rec->name, name, kNameSize - 1);
+    ++rec->shrRef;
+    h->inRef = 1;
+    record_opener(rec, int32_t(getpid()));
+    return h;
+}
+
+}  // namespace
+
+TQvFileHandle* table_entry(uint32_t slot) {
+    return slot < kFileTableSize ? g_fileTable[slot] : nullptr;
+}
+
+bool holds_attachment(const void* rec) {
+    for (TQvFileHandle* h : g_fileTable) {
+        if (h != nullptr && h->rec == rec) return true;
+    }
+    return false;
+}
+
+void release_ref(TQvFileHandle* h) {
+    if (h->index >= kFileTableSize) return;
+    ProcLockGuard table(g_qvFileMutex);
+    --h->inRef;
+    if (h->rec != nullptr) {
+        --h->rec->shrRef;
+        drop_opener(h->rec, int32_t(getpid()));
+    }
+    if (h->inRef <= 0) {
+        if (h->blkFile != nullptr) {
+            bf_CloseFile(h->blkFile);
+            h->blkFile = nullptr;
+        }
+        fsc_TfFree(h->rec);  // frees the slot only when shrRef dropped below 1
+        h->rec = nullptr;
+        clear_slot(h);
+        qvfs_Free(h);
+    }
+}
+
+}  // namespace qvfs::file
+
+using namespace qvfs;
+using namespace qvfs::file;
+
+TQvFileHandle* _tf_GetFile(const char* name) {
+    if (name == nullptr) {
+        errno = QVFS_ERR_BADHANDLE;
+        return nullptr;
+    }
+    ProcLockGuard table(g_qvFileMutex);
+    if (name[0] != '\0') {
+        for (TQvFileHandle* h : g_fileTable) {
+            if (h == nullptr || h->rec == nullptr || !stored_name_matches(h->rec, name)) continue;
+            ++h->inRef;
+            ++h->rec->shrRef;
+            record_opener(h->rec, int32_t(getpid()));
+            return h;
+        }
+    }
+    return make_handle(name);
+}
+
+TQvFileHandle* _tf_CreateFile(const TQvfsOpenParam* param, char* name) {
+    name[0] = '\0';
+    TQvBlkSliceInfo slice;
+    std::memset(&slice, 0, sizeof slice);
+    TQvBlkRec* blk = bf_CreateFile(param, name, &slice);
+    if (blk == nullptr) return nullptr;
+    TQvFileHandle* h = _tf_GetFile(name);
+    if (h == nullptr) {
+        int saved = errno;
+        bf_CloseFile(blk);
+        errno = saved;
+        return nullptr;
+    }
+    ProcLockGuard file(h->lockId);
+    std::memcpy(&h->rec->slice, &slice, sizeof slice);
+    if (h->blkFile == nullptr) {
+        h->blkFile = blk;
+    } else {
+        // The handle already holds a reference on its block; keep one.
+        bf_CloseFile(blk);
+    }
+    return h;
+}
+
+TQvFileHandle* tf_OpenFile(const TQvfsOpenParam* param, char* name) {
+    if (param != nullptr) {
+        return name != nullptr ? _tf_CreateFile(param, name) : nullptr;
+    }
+    if (name == nullptr) return nullptr;
+    TQvFileHandle* h = _tf_GetFile(name);
+    if (h == nullptr) return nullptr;
+    bool opened;
+    {
+        ProcLockGuard file(h->lockId);
+        if (h->blkFile == nullptr) h->blkFile = bf_OpenFile(name, &h->rec->slice);
+        opened = h->blkFile != nullptr;
+    }
+    if (opened) return h;
+    int saved = errno;  // the block-file layer's code is the one reported
+    release_ref(h);
+    errno = saved;
+    return nullptr;
+}
+
+int tf_CloseFile(TQvFileHandle* handle) {
+    if (handle == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    if (handle->index >= kFileTableSize) return 0;
+    release_ref(handle);
+    return 0;
+}
+
+int tf_Unlink(const char* name) {
+    if (name == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    TQvFileHandle* h = _tf_GetFile(name);
+    if (h == nullptr) return -1;
+    if (h->rec == nullptr) {
+        release_ref(h);
+        return -1;
+    }
+    bool alone;
+    {
+        ProcLockGuard file(h->lockId);
+        alone = h->inRef < 2 && h->rec->shrRef < 2;
+    }
+    if (h->index >= kFileTableSize) return alone ? bf_Unlink(name) : -1;
+    release_ref(h);
+    return alone ? bf_Unlink(name) : -1;
+}
+
+int tf_Init(void) {
+    std::memset(g_fileTable, 0, sizeof g_fileTable);
+    char path[64];
+    std::snprintf(path, sizeof path, "%s/qvfslayer", QVFS_KEY_DIR);
+    g_qvFileMutex = fsc_ProcLockInit(fsc_GetShareKey(path, 97));
+    fsc_ShareInit();
+    return bf_Init();
+}
+
+int tf_Uninit(void) {
+    for (uint32_t i = 0; i < kFileTableSize; ++i) {
+        TQvFileHandle* h;
+        {
+            ProcLockGuard table(g_qvFileMutex);
+            h = g_fileTable[i];
+        }
+        if (h != nullptr && h->index < kFileTableSize) release_ref(h);
+    }
+    return 0;
+}
