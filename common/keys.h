@@ -115,4 +115,10 @@ struct ShareEntry {
 };
 const ShareEntry& share_entry(int disk);
 
+// Makes this process's common state look freshly started: detaches the owner
+// list and the record pool, forgets the cached key identities and clears the
+// share table. Shared state is not touched. For tests (a test that plays a
+// second process, a fixture that runs several cases in one process).
+void pool_reset_process_state();
+
 }  // namespace qvfs

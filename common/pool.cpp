@@ -392,4 +392,13 @@ const ShareEntry& share_entry(int disk) {
     return g_shareTable[disk];
 }
 
+void pool_reset_process_state() {
+    if (g_stQvfsFileList != nullptr) shmdt(g_stQvfsFileList);
+    if (g_stQvfsShrPool != nullptr) shmdt(g_stQvfsShrPool);
+    g_stQvfsFileList = nullptr;
+    g_stQvfsShrPool = nullptr;
+    for (auto& e : g_keyCache) e.store(0, std::memory_order_relaxed);
+    g_shareTable.fill(ShareEntry{});
+}
+
 }  // namespace qvfs

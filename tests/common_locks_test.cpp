@@ -1,0 +1,197 @@
+// Inter-process locks: creation and reopening, mutual exclusion between real
+// processes, a killed holder, and a signal during a wait.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/ipc.h>
+#include <sys/mman.h>
+#include <sys/sem.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <thread>
+#include <vector>
+
+#include "common/fsc.h"
+#include "common/keys.h"
+#include "support/child.h"
+#include "support/sandbox.h"
+
+namespace {
+
+using qvfs::test::Child;
+using qvfs::test::ChildLink;
+
+class LockTest : public qvfs::test::SandboxTest {
+protected:
+    void SetUp() override { qvfs::pool_reset_process_state(); }
+    void TearDown() override { qvfs::pool_reset_process_state(); }
+};
+
+int sem_value(int id) { return semctl(id, 0, GETVAL); }
+int sem_waiters(int id) { return semctl(id, 0, GETNCNT); }
+
+// Polls until pred() holds or about five seconds passed.
+template <class Pred>
+bool eventually(Pred pred) {
+    for (int i = 0; i < 500; ++i) {
+        if (pred()) return true;
+        usleep(10000);
+    }
+    return pred();
+}
+
+TEST_F(LockTest, InitRefusesBadKeysAndReopensTheSameSetUntouched) {
+    for (int bad : {0, -1, INT_MIN}) {
+        errno = 4242;
+        EXPECT_EQ(-1, fsc_ProcLockInit(bad)) << bad;
+        EXPECT_EQ(4242, errno);
+    }
+    EXPECT_EQ(0, sbx_.ipc_objects());
+
+    const int key = qvfs::layer_key(qvfs::kProjBlkMutex);
+    ASSERT_EQ(sbx_.layer_key(99), key);
+    const int id = fsc_ProcLockInit(key);
+    ASSERT_GE(id, 0);
+    EXPECT_EQ(1, sem_value(id));
+    EXPECT_EQ(id, fsc_ProcLockInit(key));
+    EXPECT_EQ(1, sem_value(id));
+
+    // Reopening a held lock leaves it held.
+    fsc_ProcLock(id);
+    EXPECT_EQ(0, sem_value(id));
+    EXPECT_EQ(id, fsc_ProcLockInit(key));
+    EXPECT_EQ(0, sem_value(id));
+    errno = 1002;  // an error being reported survives the release
+    fsc_ProcUnlock(id);
+    EXPECT_EQ(1002, errno);
+    EXPECT_EQ(1, sem_value(id));
+    EXPECT_EQ(1, sbx_.ipc_objects());
+
+    // No lock, and a lock whose set was removed: both calls return at once
+    // and report nothing.
+    errno = 55;
+    fsc_ProcLock(-1);
+    fsc_ProcUnlock(-1);
+    ASSERT_EQ(0, semctl(id, 0, IPC_RMID));
+    fsc_ProcLock(id);
+    fsc_ProcUnlock(id);
+    EXPECT_EQ(55, errno);
+}
+
+TEST_F(LockTest, ProcessesRacingToCreateShareOneLockThatExcludesThem) {
+    const int key = sbx_.share_key(700) + 0x10000;  // a record lock's key
+    ASSERT_EQ(key, qvfs::record_lock_key(700));
+    auto* counter = static_cast<volatile long*>(
+        mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(MAP_FAILED, (void*)counter);
+    *counter = 0;
+
+    constexpr int kProcs = 4;
+    constexpr int kRounds = 300;
+    std::vector<Child> kids;
+    for (int p = 0; p < kProcs; ++p) {
+        kids.push_back(Child::spawn([&](ChildLink& link) {
+            int64_t go = 0;
+            CHILD_CHECK(link, link.recv(&go));
+            const int id = fsc_ProcLockInit(key);
+            link.send(id);
+            CHILD_CHECK(link, id >= 0);
+            for (int r = 0; r < kRounds; ++r) {
+                fsc_ProcLock(id);
+                // A read-modify-write with a pause in the middle: any overlap
+                // between holders loses an increment.
+                const long v = *counter;
+                if (r % 8 == 0) sched_yield();
+                *counter = v + 1;
+                fsc_ProcUnlock(id);
+            }
+            return 0;
+        }));
+    }
+    for (auto& k : kids) ASSERT_TRUE(k.send(1));
+    std::vector<int64_t> ids(kProcs, -1);
+    for (int p = 0; p < kProcs; ++p) ASSERT_TRUE(kids[p].recv(&ids[p]));
+    for (auto& k : kids) EXPECT_CHILD_OK(k);
+
+    for (int p = 1; p < kProcs; ++p) EXPECT_EQ(ids[0], ids[p]);
+    EXPECT_EQ(long{kProcs} * kRounds, *counter);
+    EXPECT_EQ(1, sem_value(static_cast<int>(ids[0])));
+    EXPECT_EQ(1, sbx_.ipc_objects());
+    munmap((void*)counter, sizeof(long));
+}
+
+TEST_F(LockTest, AKilledHolderGivesTheLockBackToAWaiter) {
+    const int id = fsc_ProcLockInit(qvfs::layer_key(qvfs::kProjFileMutex));
+    ASSERT_GE(id, 0);
+
+    Child holder = Child::spawn([&](ChildLink& link) {
+        fsc_ProcLock(id);
+        link.send(1);
+        pause();
+        return 0;
+    });
+    ASSERT_TRUE(holder.expect(1));
+    EXPECT_EQ(0, sem_value(id));
+
+    Child waiter = Child::spawn([&](ChildLink& link) {
+        fsc_ProcLock(id);
+        link.send(2);
+        fsc_ProcUnlock(id);
+        return 0;
+    });
+    ASSERT_TRUE(eventually([&] { return sem_waiters(id) == 1; }));
+    int64_t v = 0;
+    EXPECT_FALSE(waiter.recv(&v, 200)) << "the waiter got a held lock";
+
+    EXPECT_EQ(Child::signalled(SIGKILL), holder.kill_now());
+    EXPECT_TRUE(waiter.expect(2, 5000));
+    EXPECT_CHILD_OK(waiter);
+    EXPECT_EQ(1, sem_value(id));
+}
+
+std::atomic<int> g_signals{0};
+void on_signal(int) { g_signals.fetch_add(1); }
+
+TEST_F(LockTest, ASignalDuringAWaitDoesNotBreakIt) {
+    const int id = fsc_ProcLockInit(qvfs::layer_key(qvfs::kProjTimerMutex));
+    ASSERT_GE(id, 0);
+
+    // No SA_RESTART: semop returns EINTR to the waiting thread.
+    struct sigaction sa {}, old {};
+    sa.sa_handler = on_signal;
+    sigemptyset(&sa.sa_mask);
+    ASSERT_EQ(0, sigaction(SIGUSR1, &sa, &old));
+
+    fsc_ProcLock(id);  // held by this thread
+    std::atomic<bool> acquired{false};
+    std::atomic<int> errnoAfter{0};
+    std::thread t([&] {
+        errno = 777;
+        fsc_ProcLock(id);
+        errnoAfter = errno;
+        acquired = true;
+        fsc_ProcUnlock(id);
+    });
+    ASSERT_TRUE(eventually([&] { return sem_waiters(id) == 1; }));
+    for (int i = 0; i < 5; ++i) {
+        pthread_kill(t.native_handle(), SIGUSR1);
+        usleep(20000);
+    }
+    EXPECT_GE(g_signals.load(), 1);
+    EXPECT_FALSE(acquired.load());
+    EXPECT_TRUE(eventually([&] { return sem_waiters(id) == 1; })) << "the waiter gave up";
+
+    fsc_ProcUnlock(id);
+    t.join();
+    EXPECT_TRUE(acquired.load());
+    EXPECT_EQ(777, errnoAfter.load());
+    EXPECT_EQ(1, sem_value(id));
+    sigaction(SIGUSR1, &old, nullptr);
+}
+
+}  // namespace
