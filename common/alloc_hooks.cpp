@@ -1,17 +1,15 @@
 // alloc_hooks.cpp - the replaceable allocator, the device I/O hooks, the
-// call-count hooks, the time formatter and the texts of the error codes.
+// call-count hooks and the time formatter.
 //
 // All of it is per process and takes no lock. The allocator hooks are meant
 // to be set while no other thread uses the library; they are still kept in
 // atomics so that a late registration is never seen half-written.
 #include <atomic>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 
-#include "errors.h"
 #include "fsc.h"
 #include "platform.h"
 
@@ -73,43 +71,3 @@ int qvfs_GetTimeString(uint32_t seconds, char* buf, uint32_t size) {
     localtime_r(&t, &tmv);
     return static_cast<int>(std::strftime(buf, size, "%F_%T", &tmv));
 }
-
-namespace qvfs {
-
-const char* error_text(int code) {
-    switch (code) {
-        case 0: return "success";
-        case QVFS_ERR_BADARG: return "bad argument";
-        case QVFS_ERR_BADHANDLE: return "bad handle, record or range";
-        case QVFS_ERR_DISKNUM: return "disk number out of range";
-        case QVFS_ERR_NOTFORMATTED: return "not a formatted disk";
-        case QVFS_ERR_NOMEM: return "out of memory";
-        case QVFS_ERR_PROJID: return "key project number out of range";
-        case QVFS_ERR_OLDVERSION: return "disk format version too old";
-        case QVFS_ERR_INITFAILED: return "library start failed";
-        case QVFS_ERR_CHANNEL: return "channel number out of range";
-        case QVFS_ERR_BLOCKRANGE: return "offset or length beyond the block";
-        case QVFS_ERR_TOOMANYBLOCKS: return "too many blocks loaded";
-        case QVFS_ERR_FMT_NOSHARE: return "format: no shared disk image";
-        case QVFS_ERR_FMT_TOOSMALL: return "format: device smaller than one block";
-        case QVFS_ERR_NOTINIT: return "library not initialised";
-        default: break;
-    }
-    // System failures: 3000 + errno, or 6000 + errno when a format's metadata
-    // writes failed.
-    int sys = -1;
-    if (code > 2 * QVFS_ERR_SYS)
-        sys = code - 2 * QVFS_ERR_SYS;
-    else if (code > QVFS_ERR_SYS)
-        sys = code - QVFS_ERR_SYS;
-    if (sys > 0 && sys < 1000) {
-        static thread_local char text[96];
-        char sysText[64];
-        const char* s = strerror_r(sys, sysText, sizeof sysText);
-        std::snprintf(text, sizeof text, "system error: %s", s);
-        return text;
-    }
-    return "unknown error";
-}
-
-}  // namespace qvfs
