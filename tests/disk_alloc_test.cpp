@@ -113,9 +113,7 @@ TEST_F(AllocTest, MovesOffBadOrReleasedCurrentBlocksAndFailsWhenFull) {
     image(0).map[1] = QV_BLK_FREE;
     EXPECT_EQ(1, alloc(2)) << "taken anew as the lowest free block";
     for (int32_t want = 2; want < 9; ++want) EXPECT_EQ(want, alloc(100 + want));
-    errno = 0;
-    EXPECT_EQ(-1, alloc(500));
-    EXPECT_EQ(QVFS_ERR_BADHANDLE, errno);
+    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, alloc(500));
     EXPECT_EQ(-1, image(0).current[0][500]);
     EXPECT_TRUE(meta_on_disk_matches(0));
 }
@@ -170,9 +168,7 @@ TEST_F(AllocTest, MetadataWriteFailures) {
     // Neither region: the call fails but the image keeps the change.
     fail_writes(count_chunk(0, 0), kChunk);
     fail_writes(current_chunk(1, 0), kChunk);
-    errno = 0;
-    EXPECT_EQ(-1, alloc(4));
-    EXPECT_EQ(QVFS_ERR_SYS + EIO, errno);
+    EXPECT_ERR(-1, QVFS_ERR_SYS + EIO, alloc(4));
     EXPECT_EQ(QV_BLK_USED, image(0).map[3]);
     EXPECT_EQ(-1, df_ReleaseBlock(0, 3, 4, 0, 0));
     EXPECT_EQ(QV_BLK_FREE, image(0).map[3]);
@@ -188,33 +184,23 @@ TEST_F(AllocTest, MetadataWriteFailures) {
 TEST_F(AllocTest, RejectsBadArguments) {
     TQvBlkId id{5, 5};
     TQvfsOpenParam req = request(path_, 0);
-    errno = 0;
-    EXPECT_EQ(-1, df_GetFileBlkId(nullptr, &id));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetFileBlkId(nullptr, &id));
     EXPECT_EQ(-1, df_GetFileBlkId(&req, nullptr));
     req = request("/dev/sdb1", 0);
-    EXPECT_EQ(-1, df_GetFileBlkId(&req, &id));
-    EXPECT_EQ(QVFS_ERR_DISKNUM, errno);
+    EXPECT_ERR(-1, QVFS_ERR_DISKNUM, df_GetFileBlkId(&req, &id));
     EXPECT_EQ(5, id.block) << "untouched when the path names no disk";
     for (const char* p : {"/dev/scsi/host31/part1", "/dev/scsi/host04/part1"}) {
         req = request(p, 0);
-        EXPECT_EQ(-1, df_GetFileBlkId(&req, &id));
-        EXPECT_EQ(QVFS_ERR_BADARG, errno);
+        EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetFileBlkId(&req, &id));
         EXPECT_EQ(-1, id.block);
     }
-    EXPECT_EQ(-1, alloc(1024));
-    EXPECT_EQ(QVFS_ERR_CHANNEL, errno);
+    EXPECT_ERR(-1, QVFS_ERR_CHANNEL, alloc(1024));
 
-    EXPECT_EQ(-1, df_ReleaseBlock(0, 9, 0, 0, 0));
-    EXPECT_EQ(QVFS_ERR_BADHANDLE, errno);
-    EXPECT_EQ(-1, df_ReleaseBlock(0, 0, 1024, 0, 0));
-    EXPECT_EQ(QVFS_ERR_BADHANDLE, errno);
-    EXPECT_EQ(-1, df_ReleaseBlock(4, 0, 0, 0, 0));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(0, df_GetBlkAddr(0, 9));
-    EXPECT_EQ(QVFS_ERR_BADHANDLE, errno);
-    EXPECT_EQ(0, df_GetBlkAddr(25, 0));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
+    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_ReleaseBlock(0, 9, 0, 0, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_ReleaseBlock(0, 0, 1024, 0, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_ReleaseBlock(4, 0, 0, 0, 0));
+    EXPECT_ERR(0, QVFS_ERR_BADHANDLE, df_GetBlkAddr(0, 9));
+    EXPECT_ERR(0, QVFS_ERR_BADARG, df_GetBlkAddr(25, 0));
     EXPECT_EQ(0u, df_IsBlockAllocated(4, 0));
     EXPECT_EQ(0u, df_IsBlockAllocated(0, 9));
 

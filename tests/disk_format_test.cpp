@@ -73,15 +73,11 @@ TEST_F(FormatTest, LaysOutTheDeviceAndBothMetaRegions) {
 
 TEST_F(FormatTest, RefusesSizesThatHoldNoWholeBlockWithoutWriting) {
     const std::string small = sbx_.add_disk(3, kGiB - 512);
-    errno = 0;
-    EXPECT_EQ(-1, df_DiskFormat(small.c_str(), 0, 0));
-    EXPECT_EQ(QVFS_ERR_FMT_TOOSMALL, errno);
+    EXPECT_ERR(-1, QVFS_ERR_FMT_TOOSMALL, df_DiskFormat(small.c_str(), 0, 0));
     const std::string edge = sbx_.add_disk(4, image_bytes_for(0) - 1);  // passes the 1 GiB test
-    EXPECT_EQ(-1, df_DiskFormat(edge.c_str(), 0, 0));
-    EXPECT_EQ(QVFS_ERR_FMT_TOOSMALL, errno);
+    EXPECT_ERR(-1, QVFS_ERR_FMT_TOOSMALL, df_DiskFormat(edge.c_str(), 0, 0));
     const std::string big = sbx_.add_disk(5, image_bytes_for(4));
-    EXPECT_EQ(-1, df_DiskFormat(big.c_str(), 0, image_bytes_for(0) - 1));
-    EXPECT_EQ(QVFS_ERR_FMT_TOOSMALL, errno);
+    EXPECT_ERR(-1, QVFS_ERR_FMT_TOOSMALL, df_DiskFormat(big.c_str(), 0, image_bytes_for(0) - 1));
     EXPECT_EQ(0, allocated(3) + allocated(4) + allocated(5));
 
     const std::string exact = sbx_.add_disk(6, image_bytes_for(0));
@@ -91,15 +87,10 @@ TEST_F(FormatTest, RefusesSizesThatHoldNoWholeBlockWithoutWriting) {
 }
 
 TEST_F(FormatTest, RejectsBadPathsAndMissingDevices) {
-    errno = 0;
-    EXPECT_EQ(-1, df_DiskFormat(nullptr, 0, 0));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(-1, df_DiskFormat("/dev/sda1", 0, 0));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(-1, df_DiskFormat("/dev/scsi/host25/part1", 0, 0));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(-1, df_DiskFormat("/dev/scsi/host07/part1", 0, 0));  // no image
-    EXPECT_EQ(QVFS_ERR_SYS + ENOENT, errno);
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_DiskFormat(nullptr, 0, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_DiskFormat("/dev/sda1", 0, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_DiskFormat("/dev/scsi/host25/part1", 0, 0));
+    EXPECT_ERR(-1, QVFS_ERR_SYS + ENOENT, df_DiskFormat("/dev/scsi/host07/part1", 0, 0));  // no image
     EXPECT_EQ(-1, g_astQvDisk[7].fd);
 }
 
@@ -119,9 +110,7 @@ TEST_F(FormatTest, SurvivesLosingOneHeaderCopyOrOneMetaRegion) {
     const std::string p1 = sbx_.add_disk(1, image_bytes_for(3));
     fault(kHeadPrimary, kHeadPrimary + 512);
     fault(count_chunk(1, 7), count_chunk(1, 7) + kChunk);
-    errno = 0;
-    EXPECT_EQ(-1, df_DiskFormat(p1.c_str(), 0, 0));
-    EXPECT_EQ(QVFS_ERR_SYS * 2 + EIO, errno);
+    EXPECT_ERR(-1, QVFS_ERR_SYS * 2 + EIO, df_DiskFormat(p1.c_str(), 0, 0));
     qvfs::plat::fault_clear();
 
     // Both copies written: a failure in one region is tolerated, in both not.
@@ -131,17 +120,14 @@ TEST_F(FormatTest, SurvivesLosingOneHeaderCopyOrOneMetaRegion) {
     EXPECT_EQ(0, df_DiskFormat(p2.c_str(), 0, 0));
     EXPECT_TRUE(meta_on_disk_matches(2, false, true));
     fault(current_chunk(1, 15), current_chunk(1, 15) + kChunk);
-    EXPECT_EQ(-1, df_DiskFormat(p2.c_str(), 0, 0));
-    EXPECT_EQ(QVFS_ERR_SYS * 2 + EIO, errno);
+    EXPECT_ERR(-1, QVFS_ERR_SYS * 2 + EIO, df_DiskFormat(p2.c_str(), 0, 0));
 }
 
 TEST_F(FormatTest, FailsWhenNoHeaderCopyGoesOut) {
     const std::string path = sbx_.add_disk(0, image_bytes_for(3));
     fault(kHeadPrimary, kHeadPrimary + 512);
     fault(kHeadBackup, kHeadBackup + 512);
-    errno = 0;
-    EXPECT_EQ(-1, df_DiskFormat(path.c_str(), 0, 0));
-    EXPECT_EQ(QVFS_ERR_SYS * 2 + EIO, errno);
+    EXPECT_ERR(-1, QVFS_ERR_SYS * 2 + EIO, df_DiskFormat(path.c_str(), 0, 0));
     EXPECT_TRUE(region_blank(0, 0) && region_blank(0, 1));
     qvfs::plat::fault_clear();
 

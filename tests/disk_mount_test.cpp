@@ -72,10 +72,8 @@ TEST_F(MountTest, UnformattedAndDamagedImagesFailCleanly) {
     ASSERT_EQ(0, df_DiskMount(cut.c_str()));
     ASSERT_NE(nullptr, g_astQvDisk[2].share);
     EXPECT_EQ(2u, image(2).head.tolblk);
-    EXPECT_EQ(-1, df_DiskMount(nullptr));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(-1, df_DiskMount("/dev/scsi/host30/part1"));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_DiskMount(nullptr));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_DiskMount("/dev/scsi/host30/part1"));
 }
 
 TEST_F(MountTest, UnreadablePrimaryHeaderLoadsRegionOne) {
@@ -218,11 +216,9 @@ TEST_F(MountTest, StatfsCountsFreeAndBadBlocks) {
     errno = 77;
     EXPECT_EQ(-1, df_DiskStatfs(p.c_str(), &st));
     EXPECT_EQ(-1, df_IsDiskReady(0));
-    EXPECT_EQ(77, errno);
-    EXPECT_EQ(-1, df_DiskStatfs(p.c_str(), nullptr));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(-1, df_IsDiskReady(9));  // no image
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
+    EXPECT_EQ(77, errno) << "errno unchanged";
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_DiskStatfs(p.c_str(), nullptr));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_IsDiskReady(9));  // no image
     EXPECT_EQ(1u, df_GetDiskVersion("/dev/scsi/host09/part1"));
 }
 

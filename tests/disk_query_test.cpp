@@ -58,10 +58,8 @@ TEST_F(QueryTest, BlockInfoReportsTheHeadersOfBlocksInUse) {
     EXPECT_EQ(0xABABABABu, info[0].reserved2);
     EXPECT_EQ(0xABABABABu, info[1].blkId) << "one record per block in use";
 
-    EXPECT_EQ(-1, df_GetBlockInfo(path_.c_str(), info, 0));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(-1, df_GetBlockInfo("/dev/scsi/host08/part1", info, 9));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetBlockInfo(path_.c_str(), info, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetBlockInfo("/dev/scsi/host08/part1", info, 9));
 }
 
 // With no time budget every slice ends after one block; the cursor carries
@@ -105,27 +103,19 @@ TEST_F(QueryTest, CurrentBlockAndHeldSpacePerChannel) {
     EXPECT_EQ(pic + 1, df_GetUsedInBlockOfDataTypeEx(0, 11, 5));
     EXPECT_EQ(1024, df_GetBlockNumOfDataType(path_.c_str(), 11, 0));
     EXPECT_EQ(2048, df_GetBlockNumOfDataType(path_.c_str(), 11, 5));
-
-    errno = 0;
-    EXPECT_EQ(-1, df_GetUsedInBlockOfDataTypeEx(0, 11, 16));
-    EXPECT_EQ(QVFS_ERR_BADHANDLE, errno);
-    EXPECT_EQ(-1, df_GetUsedInBlockOfDataTypeEx(0, 1024, 0));
-    EXPECT_EQ(QVFS_ERR_CHANNEL, errno);
-    EXPECT_EQ(-1, df_GetBlockNumOfDataType(path_.c_str(), 1024, 0));
-    EXPECT_EQ(QVFS_ERR_CHANNEL, errno);
-    EXPECT_EQ(-1, df_GetBlockNumOfDataType(path_.c_str(), 0, 16));
-    EXPECT_EQ(QVFS_ERR_BADHANDLE, errno);
-    EXPECT_EQ(-1, df_GetUsedInBlockOfDataType(nullptr, 0, 0));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(0u, df_GetDiskUsedBlockNum("/dev/scsi/host12/part1"));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
+    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_GetUsedInBlockOfDataTypeEx(0, 11, 16));
+    EXPECT_ERR(-1, QVFS_ERR_CHANNEL, df_GetUsedInBlockOfDataTypeEx(0, 1024, 0));
+    EXPECT_ERR(-1, QVFS_ERR_CHANNEL, df_GetBlockNumOfDataType(path_.c_str(), 1024, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_GetBlockNumOfDataType(path_.c_str(), 0, 16));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetUsedInBlockOfDataType(nullptr, 0, 0));
+    EXPECT_ERR(0u, QVFS_ERR_BADARG, df_GetDiskUsedBlockNum("/dev/scsi/host12/part1"));
 
     ASSERT_EQ(0, df_DiskUnmout(path_.c_str(), 0));
     errno = 44;
     EXPECT_EQ(0u, df_GetDiskUsedBlockNum(path_.c_str()));
     EXPECT_EQ(-1, df_GetUsedInBlockOfDataTypeEx(0, 11, 0));
     EXPECT_EQ(-1, df_GetBlockNumOfDataType(path_.c_str(), 11, 0));
-    EXPECT_EQ(44, errno);
+    EXPECT_EQ(44, errno) << "errno unchanged";
 }
 
 TEST_F(QueryTest, DebugDumpPrintsOneRowPerDiskAndStopsAtTheBufferSize) {

@@ -18,6 +18,15 @@
 #include "disk/df.h"
 #include "support/sandbox.h"
 
+// Expects `call` to return `ret` and to store `err` in errno (cleared first,
+// so that a stale value cannot pass).
+#define EXPECT_ERR(ret, err, call) \
+    do {                           \
+        errno = 0;                 \
+        EXPECT_EQ(ret, call);      \
+        EXPECT_EQ(err, errno);     \
+    } while (0)
+
 namespace qvfs::test {
 
 inline constexpr uint64_t kGiB = 1ull << 30;
