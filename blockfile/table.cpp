@@ -67,6 +67,7 @@ QVFS_API TQvBlkRec* _bf_GetBlock(const TQvBlkId* id) {
     }
     const uint32_t d = id->disk;
     const int32_t b = id->block;
+    const int callerErrno = errno;  // what a rejected header leaves
     if (df_IsDiskReady(d) != 0) return nullptr;
 
     ProcLockGuard tableLock(g_tBlkFileMutex);
@@ -149,14 +150,13 @@ QVFS_API TQvBlkRec* _bf_GetBlock(const TQvBlkId* id) {
         rec->shrRef = 0;
         rec->reserved = 0;
         rec->unlinkPending = 0;
-        const int before = errno;
         bool readOk = plat::seek(fd, rec->blkAddr) >= 0;
         if (readOk) {
             errno = 0;
             int type = counttest_BlkType2CountTestType(static_cast<int>(rec->header.dataType));
             readOk = TCT_Read(fd, &rec->header, kSector, type) == static_cast<int>(kSector);
         }
-        if (readOk) errno = before;  // a rejected header leaves errno alone
+        if (readOk) errno = callerErrno;  // a rejected header sets no code
         else errno += QVFS_ERR_SYS;
         if (!readOk || !header_acceptable(rec->header, df_GetDiskUnitSize())) {
             // A damaged or unreadable header is never used.
