@@ -177,6 +177,13 @@ namespace qvfs::bf {
 // next at most the unit size and slice below Len / 512.
 bool header_acceptable(const TQvBlkInfo& h, uint64_t unitSize);
 
+// Seeks to target, tests that the device is online and writes one 512-byte
+// sector: 0, or -1 (offline: errno untouched; failed or short write: errno +
+// 3000 and the block reported bad). The sector writers add the disk-ready
+// test; callers that made it already under the record lock use this.
+int put_sector(const void* sector, int fd, uint32_t disk, int32_t block, uint64_t target,
+               uint32_t blkType);
+
 // Whether slice number k names a directory entry of the header: 1 <= k and
 // k * 512 < Len. A header with Len 0 has none.
 inline bool slice_in_directory(const TQvBlkInfo& h, uint64_t k) {

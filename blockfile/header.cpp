@@ -10,24 +10,10 @@
 
 namespace {
 
-// Writes one 512-byte sector at `target`. The writers always put whole
-// sectors from the copy in memory: there is no read-modify-write, so a torn
-// header can only come from the device, never from this layer.
 int write_sector(const void* sector, int fd, uint32_t disk, int32_t block, uint64_t target,
                  uint32_t blkType) {
     if (df_IsDiskReady(disk) != 0) return -1;
-    if (qvfs::plat::seek(fd, target) < 0) {
-        errno += QVFS_ERR_SYS;
-        return -1;
-    }
-    if (!df_IsDiskOnline(fd)) return -1;
-    errno = 0;
-    int n = TCT_Write(fd, sector, qvfs::bf::kSector,
-                      counttest_BlkType2CountTestType(static_cast<int>(blkType)));
-    if (n == static_cast<int>(qvfs::bf::kSector)) return 0;
-    errno += QVFS_ERR_SYS;
-    df_TagBadBlock(disk, block);
-    return -1;
+    return qvfs::bf::put_sector(sector, fd, disk, block, target, blkType);
 }
 
 // Local-time text of a 64-bit time ("%F_%T"); empty when the value does not
@@ -45,6 +31,24 @@ void time_text(uint64_t seconds, char* buf, std::size_t size) {
 }  // namespace
 
 namespace qvfs::bf {
+
+// The writers always put whole sectors from the copy in memory: there is no
+// read-modify-write, so a torn header can only come from the device, never
+// from this layer.
+int put_sector(const void* sector, int fd, uint32_t disk, int32_t block, uint64_t target,
+               uint32_t blkType) {
+    if (plat::seek(fd, target) < 0) {
+        errno += QVFS_ERR_SYS;
+        return -1;
+    }
+    if (!df_IsDiskOnline(fd)) return -1;
+    errno = 0;
+    int n = TCT_Write(fd, sector, kSector, counttest_BlkType2CountTestType(static_cast<int>(blkType)));
+    if (n == static_cast<int>(kSector)) return 0;
+    errno += QVFS_ERR_SYS;
+    df_TagBadBlock(disk, block);
+    return -1;
+}
 
 bool header_acceptable(const TQvBlkInfo& h, uint64_t unitSize) {
     if (h.Len == 0) return h.slice == 0 && h.next == 0;

@@ -185,7 +185,9 @@ QVFS_API int bf_Sync(const TQvBlkSliceInfo* s, TQvBlkRec* h) {
         return -1;
     }
     const int32_t blk = static_cast<int32_t>(rec->blkId);
-    if (_bf_WriteSlice(s, h->fd, rec->diskId, blk, rec->blkAddr, hd.dataType) != 0) return -1;
+    // The disk was found ready under this lock just above.
+    if (put_sector(s, h->fd, rec->diskId, blk, rec->blkAddr + s->sliceID * kSector, hd.dataType) != 0)
+        return -1;
 
     const uint64_t unit = df_GetDiskUnitSize();
     // The block's space and time range grow only from entries whose regions
@@ -209,7 +211,7 @@ QVFS_API int bf_Sync(const TQvBlkSliceInfo* s, TQvBlkRec* h) {
     }
     // The header is written only when next or endTime moved; a failed write
     // leaves the advance in the shared copy for the next header write.
-    if (writeHeader && _bf_WriteBlkInfo(&hd, h->fd, rec->diskId, blk, rec->blkAddr, hd.dataType) != 0)
+    if (writeHeader && put_sector(&hd, h->fd, rec->diskId, blk, rec->blkAddr, hd.dataType) != 0)
         return -1;
     df_SetSyncMark(rec->diskId, 1);
     return 0;
