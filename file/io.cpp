@@ -69,6 +69,22 @@ void grow_to(TQvFileHandle* h, uint64_t end) {
     bf_Sync(&s, h->blkFile);
 }
 
+// Reads never leave the file's block: a file addressed linearly from its
+// reserved area maps up to 0x7FFFFFFF bytes, which the block layer would read
+// on into the next block. Segments are cut at the block's end and dropped
+// beyond it. Returns the number of segments left.
+int clip_to_block(const uint32_t* addr, uint32_t* lens, int n) {
+    const uint64_t unit = df_GetDiskUnitSize();
+    for (int i = 0; i < n; ++i) {
+        if (addr[i] >= unit) return i;
+        if (uint64_t(addr[i]) + lens[i] > unit) {
+            lens[i] = uint32_t(unit - addr[i]);
+            return i + 1;
+        }
+    }
+    return n;
+}
+
 }  // namespace
 
 uint64_t prerecord_length(const TQvBlkSliceInfo& s) {
@@ -120,6 +136,8 @@ int tf_Read(uint32_t pos, void* buf, uint32_t len, TQvFileHandle* handle) {
     uint32_t addr[kMaxSegments], lens[kMaxSegments];
     int n = _tf_MapSegments(pos, len, &handle->rec->slice, addr, lens, 1);
     if (n < 0) return -1;
+    n = clip_to_block(addr, lens, n);
+    if (n == 0) return -1;
     auto* out = static_cast<unsigned char*>(buf);
     int total = 0;
     for (int i = 0; i < n; ++i) {

@@ -212,6 +212,7 @@ TQvFileHandle* _tf_GetFile(const char* name) {
 }
 
 TQvFileHandle* _tf_CreateFile(const TQvfsOpenParam* param, char* name) {
+    if (param == nullptr || name == nullptr) return nullptr;
     name[0] = '\0';
     TQvBlkSliceInfo slice;
     std::memset(&slice, 0, sizeof slice);

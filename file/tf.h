@@ -85,7 +85,8 @@ QVFS_API int _tf_MapSegments(uint32_t pos, uint32_t len, const TQvBlkSliceInfo* 
                              uint32_t* addr, uint32_t* lens, int isRead);
 // Reads up to len bytes from file position pos; returns the bytes read, or
 // -1 (1001 null argument; no code for len 0 or pos at or beyond the end; a
-// failed block read leaves the block layer's outcome in errNo).
+// failed block read leaves the block layer's outcome in errNo). A read never
+// runs past the end of the file's block.
 QVFS_API int tf_Read(uint32_t pos, void* buf, uint32_t len, TQvFileHandle* handle);
 // Writes len bytes at file position pos; returns len, or -1 (as tf_Read).
 // A write that ends beyond dataEnd (and within the block) moves dataEnd and

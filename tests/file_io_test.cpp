@@ -242,6 +242,11 @@ TEST_F(FileIoTest, PreRecordRingPlainWrappedAndEmpty) {
     ASSERT_EQ(size_t(kRes + 0x1000), lin.size());
     EXPECT_EQ(ring, lin.substr(0, kRes));
     EXPECT_EQ(std::string(0x1000, '\0'), lin.substr(kRes));
+    // ...but they stop at the end of the file's block, not in the next one.
+    const uint32_t toEnd = uint32_t(df_GetDiskUnitSize() - S);
+    char edge[100];
+    EXPECT_EQ(10, tf_Read(toEnd - 10, edge, sizeof edge, f.h));
+    EXPECT_EQ(-1, tf_Read(toEnd, edge, sizeof edge, f.h));
 
     // A plain ring, then data behind it.
     ASSERT_EQ(0, tf_UpdataePreRecPtr(f.h, 0x1000, 0x4000));
