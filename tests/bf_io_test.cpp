@@ -94,37 +94,12 @@ TEST_F(BlockIoTest, WritesAndReadsAtTheBlocksEnd) {
     EXPECT_EQ(-1, bf_Write(kUnit + 1, data.data(), 1, f_.h));
     EXPECT_EQ(QVFS_ERR_BLOCKRANGE, errno);
     EXPECT_EQ(-1, bf_Read(kUnit + 1, back.data(), 1, f_.h));
-    EXPECT_EQ(-1, bf_Writev(kUnit + 1, &one, 1, f_.h));
     EXPECT_EQ(0, bf_Write(0x300000, data.data(), 0, f_.h));
     EXPECT_EQ(-1, bf_Read(0x300000, back.data(), 0, f_.h));
-    EXPECT_EQ(0, bf_Writev(0x300000, &one, 0, f_.h));
     iovec empty[2] = {{data.data(), 0}, {data.data(), 0}};
     EXPECT_EQ(0, bf_Writev(0x300000, empty, 2, f_.h));
-    errno = 0;
-    EXPECT_EQ(-1, bf_Writev(0x300000, nullptr, 1, f_.h));
-    EXPECT_EQ(0, errno) << "bf_Writev sets no code for null arguments";
-    EXPECT_EQ(-1, bf_Read(0, nullptr, 1, f_.h));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    EXPECT_EQ(0, bf_Write(0, nullptr, 0, f_.h));
-    EXPECT_EQ(0, bf_GetErrorNo(nullptr));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
+    EXPECT_EQ(0, bf_Writev(0x300000, &one, 0, f_.h));
     EXPECT_EQ(QV_BLK_USED, image(0).map[0]) << "no refusal reports the block";
-}
-
-TEST_F(BlockIoTest, GatheredWritesLandInOrder) {
-    auto a = pattern(1000, 3);
-    auto b = pattern(5000, 40);
-    auto c = pattern(96, 200);
-    iovec v[3] = {{a.data(), a.size()}, {b.data(), b.size()}, {c.data(), c.size()}};
-    ASSERT_EQ(6096, bf_Writev(0x200000, v, 3, f_.h));
-    EXPECT_EQ(0, err());
-    std::vector<uint8_t> want(a);
-    want.insert(want.end(), b.begin(), b.end());
-    want.insert(want.end(), c.begin(), c.end());
-    EXPECT_EQ(want, on_disk(0x200000, want.size()));
-    std::vector<uint8_t> back(want.size());
-    EXPECT_EQ(6096, bf_Read(0x200000, back.data(), 6096, f_.h));
-    EXPECT_EQ(want, back);
 }
 
 TEST_F(BlockIoTest, ShortTransfersContinueButAFailedOneReportsTheBlockBad) {
@@ -296,19 +271,25 @@ void* counting_alloc(uint32_t n) {
 }
 void counting_free(void* p) { std::free(p); }
 
-TEST_F(BlockIoTest, TransfersAndSyncsAllocateNothing) {
-    auto data = pattern(65536, 17);
-    iovec v[2] = {{data.data(), 32768}, {data.data() + 32768, 32768}};
+TEST_F(BlockIoTest, TransfersGoStraightToTheDeviceWithoutAllocating) {
+    auto a = pattern(1000, 3);
+    auto b = pattern(64536, 40);
+    iovec v[2] = {{a.data(), a.size()}, {b.data(), b.size()}};
+    std::vector<uint8_t> want(a);
+    want.insert(want.end(), b.begin(), b.end());
+    std::vector<uint8_t> back(want.size());
     TQvBlkSliceInfo s = f_.slice;
     s.dataEnd = 0x210000;
     qvfs_RegistAllocatorInterface(counting_alloc, counting_free);
     g_allocs = 0;
-    EXPECT_EQ(65536, bf_Write(0x200000, data.data(), 65536, f_.h));
+    EXPECT_EQ(65536, bf_Write(0x300000, want.data(), 65536, f_.h));
     EXPECT_EQ(65536, bf_Writev(0x200000, v, 2, f_.h));
-    EXPECT_EQ(65536, bf_Read(0x200000, data.data(), 65536, f_.h));
+    EXPECT_EQ(65536, bf_Read(0x200000, back.data(), 65536, f_.h));
     EXPECT_EQ(0, bf_Sync(&s, f_.h));
     EXPECT_EQ(0, g_allocs.load());
     qvfs_InitAllocatorInterface();
+    EXPECT_EQ(want, back) << "the vector's pieces land in order";
+    EXPECT_EQ(want, on_disk(0x300000, want.size()));
 }
 
 }  // namespace
