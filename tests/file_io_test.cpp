@@ -212,16 +212,9 @@ TEST_F(FileIoTest, WritesAtTheBlockEnd) {
     EXPECT_EQ(page, bytes_on_disk(f.name, unit - 4096, 4096));
 
     errno = 0;
-    EXPECT_EQ(-1, tf_Write(0, nullptr, 1, f.h));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    errno = 0;
     EXPECT_EQ(-1, tf_Read(0, nullptr, 1, f.h));
     EXPECT_EQ(QVFS_ERR_BADARG, errno);
-    errno = 0;
-    EXPECT_EQ(-1, tf_Write(0, "x", 1, nullptr));
-    EXPECT_EQ(QVFS_ERR_BADARG, errno);
     EXPECT_EQ(-1, tf_SyncFile(nullptr));
-    EXPECT_EQ(-1, tf_GetErrorNo(nullptr));
     EXPECT_EQ(0, tf_CloseFile(f.h));
 }
 
