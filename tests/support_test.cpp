@@ -187,6 +187,59 @@ TEST(SandboxTeardown, RemovesEveryObjectOfItsKeysAndItsTree) {
     EXPECT_EQ(0, ::shmdt(attached));
 }
 
+// A test process killed before its teardown: the next sandbox cleans up
+// after it.
+TEST(SandboxTeardown, NextSandboxSweepsAfterAKilledOne) {
+    Child c = Child::spawn([](ChildLink& link) {
+        auto* s = new Sandbox;  // never torn down: the process is killed
+        int sem = s->share_key(2050);
+        int shm = s->layer_key(65);
+        CHILD_CHECK(link, ::semget(sem, 1, IPC_CREAT | 0666) >= 0);
+        CHILD_CHECK(link, ::shmget(shm, 4096, IPC_CREAT | 0666) >= 0);
+        CHILD_CHECK(link, ::semget(s->share_key(9) + 0x10000, 1, IPC_CREAT | 0666) >= 0);
+        link.note("%s", s->root().c_str());
+        link.send(sem);
+        link.send(shm);
+        link.send(s->share_key(9) + 0x10000);
+        for (;;) ::pause();
+    });
+    int64_t sem = 0, shm = 0, lock = 0;
+    ASSERT_TRUE(c.recv(&sem) && c.recv(&shm) && c.recv(&lock)) << c.describe(c.wait(0));
+    EXPECT_EQ(Child::signalled(SIGKILL), c.kill_now());
+    std::string root = c.text();
+    while (!root.empty() && root.back() == '\n') root.pop_back();
+    ASSERT_TRUE(path_exists(root)) << root;
+    ASSERT_TRUE(sem_exists(int(sem)));
+    ASSERT_TRUE(shm_exists(int(shm)));
+
+    Sandbox next;
+    EXPECT_FALSE(sem_exists(int(sem)));
+    EXPECT_FALSE(shm_exists(int(shm)));
+    EXPECT_FALSE(sem_exists(int(lock)));
+    EXPECT_FALSE(path_exists(root));
+}
+
+// Objects a process makes under its keys after its teardown (a library thread
+// still running, say) are removed once the process is gone.
+TEST(SandboxTeardown, ObjectsMadeAfterTeardownGoWithTheProcess) {
+    Child c = Child::spawn([](ChildLink& link) {
+        int key;
+        {
+            Sandbox s;
+            key = s.share_key(2060);
+        }
+        CHILD_CHECK(link, ::semget(key, 1, IPC_CREAT | 0666) >= 0);
+        link.send(key);
+        return 0;
+    });
+    int64_t key = 0;
+    ASSERT_TRUE(c.recv(&key)) << c.describe(c.wait());
+    EXPECT_CHILD_OK(c);
+    ASSERT_TRUE(sem_exists(int(key)));
+    Sandbox next;
+    EXPECT_FALSE(sem_exists(int(key)));
+}
+
 TEST(SandboxTeardown, RemoveIpcKeepsTheFiles) {
     Sandbox s;
     s.add_disk(0, 1ull << 30);
@@ -283,6 +336,36 @@ TEST(ChildProcess, KilledWhileHoldingASemaphore) {
     EXPECT_FALSE(c.running());
     EXPECT_EQ(1, ::semctl(sem, 0, GETVAL));
     EXPECT_NE(std::string::npos, c.describe(c.wait()).find("signal 9"));
+}
+
+// A child whose parent dies goes with it instead of running on unattended.
+TEST(ChildProcess, ChildrenDieWithTheirParent) {
+    Child c = Child::spawn([](ChildLink& link) -> int {
+        Child grandchild = Child::spawn([](ChildLink&) -> int {
+            for (;;) ::pause();
+        });
+        link.send(grandchild.pid());
+        for (;;) ::pause();
+    });
+    int64_t gpid = 0;
+    ASSERT_TRUE(c.recv(&gpid)) << c.describe(c.wait(0));
+    ASSERT_GT(gpid, 0);
+    c.kill_now();
+    // Gone, or a zombie waiting for a reaper that is not us.
+    auto alive = [&] {
+        char path[64];
+        std::snprintf(path, sizeof path, "/proc/%lld/stat", static_cast<long long>(gpid));
+        FILE* f = std::fopen(path, "r");
+        if (f == nullptr) return false;
+        int pid = 0;
+        char comm[256] = {}, state = 0;
+        int n = std::fscanf(f, "%d %255s %c", &pid, comm, &state);
+        std::fclose(f);
+        return n == 3 && state != 'Z' && state != 'X';
+    };
+    for (int i = 0; i < 500 && alive(); ++i) ::usleep(2000);
+    EXPECT_FALSE(alive());
+    ::kill(static_cast<pid_t>(gpid), SIGKILL);  // in case it did survive
 }
 
 TEST(ChildProcess, TimeoutKillsAndDestructorReaps) {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <time.h>
@@ -123,8 +124,13 @@ Child Child::spawn(Body body) {
         return c;
     }
     std::fflush(nullptr);  // or the child would print the parent's buffered output again
+    pid_t parent = ::getpid();
     pid_t pid = ::fork();
     if (pid == 0) {
+        // A child never outlives its test: it would go on using keys that a
+        // later sandbox may own.
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        if (::getppid() != parent) ::_exit(255);
         ::close(chan[0]);
         ::close(text[0]);
         ChildLink link;

@@ -22,6 +22,10 @@
 // (a peer that is gone gives false, never SIGPIPE); report text travels on a
 // second one and is collected by wait().
 //
+// A child is killed when the thread that spawned it ends (so that no child
+// outlives a crashed test): spawn from the test's own thread, or from a
+// thread that outlives the child.
+//
 // A forked child inherits the parent's memory, descriptors, attached
 // segments and library state, but only the forking thread: fork before the
 // parent starts library threads when the child needs the library's

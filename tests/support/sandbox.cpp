@@ -2,8 +2,10 @@
 
 #include "support/sandbox.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/file.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/shm.h>
@@ -11,6 +13,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -45,6 +48,34 @@ int identity(const std::string& path) {
 
 bool pid_alive(pid_t pid) { return pid > 0 && (::kill(pid, 0) == 0 || errno != ESRCH); }
 
+std::string claim_name(int id) {
+    char name[16];
+    std::snprintf(name, sizeof name, "%06x", static_cast<unsigned>(id));
+    return name;
+}
+
+// Serialises claiming, sweeping and releasing between sandboxes (flock on
+// a file in the claim directory; a dead holder's lock goes with it).
+class ClaimLock {
+public:
+    explicit ClaimLock(const std::string& dir) {
+        std::string p = dir + "/.lock";
+        fd_ = ::open(p.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        if (fd_ >= 0) {
+            while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+            }
+        }
+    }
+    ~ClaimLock() {
+        if (fd_ >= 0) ::close(fd_);  // releases the lock
+    }
+    ClaimLock(const ClaimLock&) = delete;
+    ClaimLock& operator=(const ClaimLock&) = delete;
+
+private:
+    int fd_ = -1;
+};
+
 bool key_in_use(int key) {
     // EACCES means it exists but belongs to someone else: in use all the same.
     if (::shmget(key, 0, 0) >= 0 || errno == EACCES) return true;
@@ -78,6 +109,8 @@ Sandbox::Sandbox() : owner_(::getpid()) {
         errno = ec.value();
         fail("mkdir " + root_ + "/dvr/qvfs");
     }
+    ClaimLock lock(claimDir_);
+    sweep_stale();
     try {
         make_key_files();
     } catch (...) {
@@ -90,7 +123,10 @@ Sandbox::Sandbox() : owner_(::getpid()) {
 Sandbox::~Sandbox() {
     if (::getpid() != owner_) return;  // a forked child leaves the sandbox to its parent
     remove_ipc();
-    release_claims();
+    // The claims stay until this process is gone: whatever it still creates
+    // under its cached keys after this point (a library thread, a late call)
+    // is removed by the first sandbox that finds the claims stale.
+    claims_.clear();
     std::error_code ec;
     std::filesystem::remove_all(root_, ec);
     if (hadRoot_) {
@@ -114,42 +150,81 @@ bool Sandbox::claim(int n, std::string* why) {
     int id = identity(path);
     if (id < 0) fail("ftok " + path);
 
-    // Claim the identity and the one the record locks reach by adding 0x10000.
+    // Claim the identity and the one the record locks reach by adding
+    // 0x10000. The claim directory is locked and swept of dead owners, so a
+    // claim that exists is a living sandbox's.
     const int ids[2] = {id, (id + kLockOffset) & 0xFFFFFF};
     std::vector<std::string> mine;
     for (int want : ids) {
-        char name[32];
-        std::snprintf(name, sizeof name, "/%06x", static_cast<unsigned>(want));
-        std::string c = claimDir_ + name;
-        for (int tries = 0; tries < 2; ++tries) {
-            int cfd = ::open(c.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
-            if (cfd >= 0) {
-                std::string pid = std::to_string(::getpid());
-                if (::write(cfd, pid.data(), pid.size()) < 0) { /* the claim stands without it */ }
-                ::close(cfd);
-                mine.push_back(c);
-                break;
-            }
+        std::string c = claimDir_ + "/" + claim_name(want);
+        int cfd = ::open(c.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
+        if (cfd < 0) {
             if (errno != EEXIST) fail("claim " + c);
-            // Taken: steal it only from a process that is gone.
-            char text[32] = {};
-            int rfd = ::open(c.c_str(), O_RDONLY);
-            if (rfd >= 0) {
-                ssize_t got = ::read(rfd, text, sizeof text - 1);
-                (void)got;
-                ::close(rfd);
-            }
-            pid_t holder = static_cast<pid_t>(std::atoll(text));
-            if (holder == ::getpid() || pid_alive(holder) || tries > 0) {
-                for (const std::string& m : mine) ::unlink(m.c_str());
-                *why = "identity " + c + " claimed by " + std::to_string(holder);
-                return false;
-            }
-            ::unlink(c.c_str());
+            for (const std::string& m : mine) ::unlink(m.c_str());
+            *why = "identity " + claim_name(want) + " is claimed";
+            return false;
         }
+        std::string text = std::to_string(::getpid()) + " " + root_ + "\n";
+        if (::write(cfd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+            ::close(cfd);
+            ::unlink(c.c_str());
+            fail("write claim " + c);
+        }
+        ::close(cfd);
+        mine.push_back(c);
     }
     claims_.insert(claims_.end(), mine.begin(), mine.end());
     return true;
+}
+
+void Sandbox::unclaim_last() {
+    // claim() added exactly two.
+    for (int i = 0; i < 2 && !claims_.empty(); ++i) {
+        ::unlink(claims_.back().c_str());
+        claims_.pop_back();
+    }
+}
+
+void Sandbox::sweep_stale() {
+    DIR* d = ::opendir(claimDir_.c_str());
+    if (d == nullptr) return;
+    std::vector<std::string> names;
+    while (struct dirent* e = ::readdir(d)) {
+        if (e->d_name[0] != '.') names.push_back(e->d_name);
+    }
+    ::closedir(d);
+    for (const std::string& name : names) {
+        std::string c = claimDir_ + "/" + name;
+        char text[PATH_MAX + 32] = {};
+        int fd = ::open(c.c_str(), O_RDONLY);
+        if (fd < 0) continue;
+        ssize_t got = ::read(fd, text, sizeof text - 1);
+        ::close(fd);
+        if (got <= 0) continue;
+        char* rest = nullptr;
+        long pid = std::strtol(text, &rest, 10);
+        if (pid <= 0 || pid_alive(static_cast<pid_t>(pid))) continue;
+
+        // Its process died without tearing down: remove what it may have
+        // left under the identity (every project number), and its tree.
+        int id = static_cast<int>(std::strtol(name.c_str(), nullptr, 16));
+        for (int proj = 1; proj <= 126; ++proj) {  // every project number a key file serves
+            int key = (proj << 24) | id;
+            int shm = ::shmget(key, 0, 0);
+            if (shm >= 0) ::shmctl(shm, IPC_RMID, nullptr);
+            int sem = ::semget(key, 0, 0);
+            if (sem >= 0) ::semctl(sem, 0, IPC_RMID);
+        }
+        std::string oldRoot = rest != nullptr ? rest : "";
+        while (!oldRoot.empty() && (oldRoot.front() == ' ')) oldRoot.erase(0, 1);
+        while (!oldRoot.empty() && (oldRoot.back() == '\n')) oldRoot.pop_back();
+        std::string prefix = claimDir_.substr(0, claimDir_.rfind('/')) + "/qvfs-sbx-";
+        if (oldRoot.rfind(prefix, 0) == 0 && oldRoot.find("/..") == std::string::npos) {
+            std::error_code ec;
+            std::filesystem::remove_all(oldRoot, ec);
+        }
+        ::unlink(c.c_str());
+    }
 }
 
 bool Sandbox::keys_in_use(int n) const {
@@ -178,9 +253,12 @@ void Sandbox::make_key_files() {
             }
             bool ok = claim(n, &why);
             if (ok) {
-                compute_keys();
+                compute_keys(n);
                 if (!keys_in_use(n)) break;
                 why = "a key of " + key_file(n) + " is in use";
+                // Not ours: a claim would make a later sweep remove the
+                // objects that are using these keys.
+                unclaim_last();
             }
             // Park the rejected file so that its inode is not handed out
             // again to the next attempt.
@@ -188,7 +266,6 @@ void Sandbox::make_key_files() {
             if (::rename(key_file(n).c_str(), spare.c_str()) != 0) fail("rename " + key_file(n));
         }
     }
-    compute_keys();
     keys_.clear();
     for (int k : shareKeys_) {
         keys_.push_back(k);
@@ -197,13 +274,16 @@ void Sandbox::make_key_files() {
     for (int k : layerKeys_) keys_.push_back(k);
 }
 
-void Sandbox::compute_keys() {
-    for (int i = 0; i < kShareIndexes; ++i) {
-        std::string f = key_file(i / 126);
-        shareKeys_[i] = static_cast<int>(::ftok(f.c_str(), i % 126 + 1));
+void Sandbox::compute_keys(int n) {
+    if (n == kKeyFiles) {
+        for (int j = 0; j < 6; ++j) {
+            layerKeys_[j] = static_cast<int>(::ftok(key_file(n).c_str(), kLayerProjects[j]));
+        }
+        return;
     }
-    for (int j = 0; j < 6; ++j) {
-        layerKeys_[j] = static_cast<int>(::ftok(key_file(kKeyFiles).c_str(), kLayerProjects[j]));
+    std::string f = key_file(n);
+    for (int i = n * 126; i < kShareIndexes && i < (n + 1) * 126; ++i) {
+        shareKeys_[i] = static_cast<int>(::ftok(f.c_str(), i % 126 + 1));
     }
 }
 

@@ -12,13 +12,18 @@
 // on a key. At construction the sandbox therefore:
 //   - creates the layer key file and the share key files 0..16 itself;
 //   - claims each file's identity (and the identity 0x10000 above it, which
-//     the record locks use) in a machine-wide claim directory, so that
-//     sandboxes running in parallel never share a key;
+//     the record locks use) in a machine-wide claim directory
+//     ($TMPDIR/qvfs-sbx-claims), so that sandboxes running in parallel never
+//     share a key;
 //   - checks that no semaphore or segment exists yet under any of its keys;
 // and replaces a key file (new inode) whenever one of these fails.
 //
-// Teardown removes every semaphore and segment under the sandbox's keys, the
-// claims and the directory tree, and restores QVFS_ROOT. One sandbox per
+// Teardown removes every semaphore and segment under the sandbox's keys and
+// the directory tree, and restores QVFS_ROOT. The claims outlive the
+// teardown as long as the process does: the next sandbox made anywhere on the
+// machine that finds a claim whose process is gone removes everything left
+// under its keys (objects made after the teardown by a library thread, or
+// everything, when the process died without a teardown) and its directory. One sandbox per
 // process at a time (QVFS_ROOT is process-wide). A forked child inherits the
 // sandbox but never tears it down (the destructor only acts in the process
 // that made it).
@@ -87,12 +92,16 @@ public:
 
 private:
     void make_key_files();
-    void compute_keys();
+    void compute_keys(int n);  // the keys of key file n (kKeyFiles: the layer file)
     std::string key_file(int n) const;  // n == kKeyFiles: the layer key file
     // Creates key file n with a fresh inode and claims its identity; false
     // when the identity is taken (the file then needs replacing).
     bool claim(int n, std::string* why);
     void release_claims();
+    void unclaim_last();  // drops the claims of the last successful claim()
+    // Removes the claims of sandboxes whose process died without teardown,
+    // with the semaphores, segments and directory they left.
+    void sweep_stale();
     bool keys_in_use(int n) const;
 
     std::string root_;
