@@ -121,7 +121,7 @@ TEST(SandboxKeys, BusyKeysForceNewKeyFiles) {
         std::snprintf(name, sizeof name, "%06x", static_cast<unsigned>(id));
         return path_exists(claims + name);
     };
-    std::vector<std::pair<int, int>> mine;  // identity, semaphore id
+    std::vector<int> mine;  // semaphore ids
     std::set<int> busy;
     for (int id : idents) {
         if (claimed(id)) continue;
@@ -130,7 +130,7 @@ TEST(SandboxKeys, BusyKeysForceNewKeyFiles) {
             int sem = ::semget(key, 1, IPC_CREAT | IPC_EXCL | 0666);
             if (sem < 0) continue;
             ::semctl(sem, 0, SETVAL, 1);
-            mine.emplace_back(id, sem);
+            mine.push_back(sem);
             busy.insert(key);
         }
     }
@@ -145,8 +145,11 @@ TEST(SandboxKeys, BusyKeysForceNewKeyFiles) {
     }
     // The sandbox's teardown must not have touched the foreign semaphores.
     for (int key : busy) EXPECT_TRUE(sem_exists(key)) << std::hex << "key 0x" << key;
-    for (auto [id, sem] : mine) {
-        if (!claimed(id)) ::semctl(sem, 0, IPC_RMID);  // else its sandbox removes it
+    // Ours to remove unless some library took one up as its lock in the
+    // meantime (a sandbox that checked its keys just before they were made
+    // busy): the last operation on it is then not our setting of the value.
+    for (int sem : mine) {
+        if (::semctl(sem, 0, GETPID) == ::getpid()) ::semctl(sem, 0, IPC_RMID);
     }
     if (replaced == 0) GTEST_SKIP() << "the file system handed out no inode in the busy window";
 }
