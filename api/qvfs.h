@@ -243,7 +243,8 @@ QVFS_API int qvfs_UnMount_V2(const char* path);
 /* Fills a TQvStatfs (out): sizes in 512-byte units, the number of bad
  * blocks in f_spare[0]. -1 with errno untouched when the disk is not ready. */
 QVFS_API int qvfs_Statfs(const char* path, void* out);
-/* Number of blocks in use on the disk. */
+/* Number of blocks of the disk's data area, in use or not; 0 for a disk
+ * that is not ready. */
 QVFS_API int qvfs_GetUsedBlockNum(const char* path);
 /* One TQvDiskBlkInfo per block in use among the first count blocks; the
  * number of records written. */
