@@ -10,3 +10,27 @@ add_test(NAME header_compiles_as_c99 COMMAND header_c_check)
 # Exported surface of libqvfs.so: the named C functions, nothing mangled.
 add_test(NAME exported_symbols
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/check_exports.sh $<TARGET_FILE:qvfs> ${CMAKE_SOURCE_DIR})
+
+# The example program, built as an application builds it: against a copy of
+# the library installed into the test's sandbox, with pkg-config's flags.
+if(TARGET api_example_test)
+  set(QVFS_EXAMPLE_CFLAGS "")
+  if(QVFS_SANITIZE)
+    set(QVFS_EXAMPLE_CFLAGS "-fsanitize=address,undefined")
+  endif()
+  # A cross build runs the example through the same emulator as the tests.
+  string(REPLACE ";" " " QVFS_EXAMPLE_RUNNER "${CMAKE_CROSSCOMPILING_EMULATOR}")
+  target_compile_definitions(api_example_test PRIVATE
+    QVFS_BUILD_DIR="${CMAKE_BINARY_DIR}" QVFS_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
+    QVFS_C_COMPILER="${CMAKE_C_COMPILER}" QVFS_INSTALL_LIBDIR="${CMAKE_INSTALL_LIBDIR}"
+    QVFS_EXTRA_CFLAGS="${QVFS_EXAMPLE_CFLAGS}" QVFS_EXAMPLE_RUNNER="${QVFS_EXAMPLE_RUNNER}")
+  add_dependencies(api_example_test qvfs)
+endif()
+
+# The demo, run briefly inside a test sandbox.
+if(TARGET api_demo_test AND TARGET qvfs-demo)
+  string(REPLACE ";" " " QVFS_DEMO_RUNNER "${CMAKE_CROSSCOMPILING_EMULATOR}")
+  target_compile_definitions(api_demo_test PRIVATE
+    QVFS_DEMO_PATH="$<TARGET_FILE:qvfs-demo>" QVFS_EXAMPLE_RUNNER="${QVFS_DEMO_RUNNER}")
+  add_dependencies(api_demo_test qvfs-demo)
+endif()
