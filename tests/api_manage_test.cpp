@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -181,158 +180,121 @@ TEST_F(ApiManage, PlainUnmountLeavesOthersAndTheSecondUnmountsForAll) {
     EXPECT_CHILD_OK(c);
 }
 
-TEST_F(ApiManage, UsageQueries) {
-    TQvStatfs sf{};
-    ASSERT_EQ(0, qvfs_Statfs(disk_.c_str(), &sf));
-    EXPECT_EQ(QVFS_STATFS_MAGIC, sf.f_type);
-    EXPECT_EQ(512u, sf.f_bsize);
-    EXPECT_EQ(kBlocks * kSectorsPerBlock, sf.f_blocks);
-    EXPECT_EQ(sf.f_blocks, sf.f_bfree);
-    EXPECT_EQ(int(kBlocks), qvfs_GetUsedBlockNum(disk_.c_str())) << "the data area's blocks, used or not";
-    EXPECT_EQ(0, qvfs_GetUsedBlockNum(Sandbox::device_path(7).c_str())) << "no such disk";
-
+TEST_F(ApiManage, QueriesReturnWhatTheLayersReturn) {
     const std::string a = record(3, 1000);
-    const std::string b = record(3, 2000);
+    record(3, 2000);
     const std::string c = record(8, 3000);
-    const int blockA = int(name_block(a));
-    const int blockC = int(name_block(c));
-    EXPECT_EQ(blockA, int(name_block(b))) << "one channel fills one block";
-    EXPECT_NE(blockA, blockC);
-    ASSERT_EQ(0, qvfs_Statfs(disk_.c_str(), &sf));
-    EXPECT_EQ((kBlocks - 2) * kSectorsPerBlock, sf.f_bfree);
+    ASSERT_EQ(0, qvfs_TagBadUnit(disk_.c_str(), qvfs::disk::kDataStart + 3 * kGiB, 512));
+    const uint32_t blockA = name_block(a);
+    const char* d = disk_.c_str();
+    const std::string none = Sandbox::device_path(7);  // no such disk: the layers' failures
 
-    EXPECT_EQ(blockA, qvfs_GetUsedInBlockId(disk_.c_str(), 3, 0));
-    EXPECT_EQ(blockC, qvfs_GetUsedInBlockId(disk_.c_str(), 8, 0));
-    EXPECT_EQ(-1, qvfs_GetUsedInBlockId(disk_.c_str(), 4, 0));
-    EXPECT_EQ(1024, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 3, 0)) << "one 1 GiB block, in MiB";
-    EXPECT_EQ(0, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 4, 0));
+    for (const char* path : {d, none.c_str()}) {
+        TQvStatfs mine, theirs;
+        std::memset(&mine, 0x11, sizeof mine);
+        std::memset(&theirs, 0x11, sizeof theirs);
+        EXPECT_EQ(df_DiskStatfs(path, &theirs), qvfs_Statfs(path, &mine));
+        EXPECT_EQ(0, std::memcmp(&mine, &theirs, sizeof mine));
+        EXPECT_EQ(int(df_GetDiskUsedBlockNum(path)), qvfs_GetUsedBlockNum(path));
+        for (uint32_t chn : {3u, 8u, 9u, 1024u})
+            EXPECT_EQ(df_GetUsedInBlockOfDataType(path, chn, 0), qvfs_GetUsedInBlockId(path, chn, 0)) << chn;
+        for (uint32_t blk : {blockA, name_block(c), 3u, 99u}) {
+            EXPECT_EQ(bf_GetBlockFileNum(path, blk), qvfs_GetFileNum(path, blk)) << blk;
+            std::vector<TQvFileStat> x(4), y(4);
+            EXPECT_EQ(bf_BlockStat(path, blk, x.data(), 4), qvfs_BlockStat(path, blk, y.data(), 4)) << blk;
+            EXPECT_EQ(0, std::memcmp(x.data(), y.data(), 4 * sizeof x[0])) << blk;
+        }
+        for (int n : {1, int(kBlocks), 0}) {
+            std::vector<TQvDiskBlkInfo> x(kBlocks + 1), y(kBlocks + 1);
+            EXPECT_EQ(df_GetBlockInfo(path, x.data(), n), qvfs_GetBlockInfo(path, y.data(), n)) << n;
+            EXPECT_EQ(0, std::memcmp(x.data(), y.data(), x.size() * sizeof x[0])) << n;
+        }
+    }
+    EXPECT_EQ(int(kBlocks), qvfs_GetUsedBlockNum(d)) << "the data area's blocks, used or not";
+    TQvStatfs sf{};
+    ASSERT_EQ(0, qvfs_Statfs(d, &sf));
+    EXPECT_EQ(1u, sf.f_spare[0]) << "the bad unit reached the disk";
 
-    std::vector<TQvDiskBlkInfo> info(kBlocks);
-    ASSERT_EQ(2, qvfs_GetBlockInfo(disk_.c_str(), info.data(), int(kBlocks)));
-    std::set<uint32_t> blocks{info[0].blkId, info[1].blkId};
-    EXPECT_EQ((std::set<uint32_t>{uint32_t(blockA), uint32_t(blockC)}), blocks);
-    for (int i = 0; i < 2; ++i) EXPECT_EQ(info[i].blkId == uint32_t(blockA) ? 2u : 1u, info[i].cnt);
-
-    EXPECT_EQ(2, qvfs_GetFileNum(disk_.c_str(), uint32_t(blockA)));
-    EXPECT_EQ(1, qvfs_GetFileNum(disk_.c_str(), uint32_t(blockC)));
+    // One segment of the listing, with the caller's buffers.
+    std::vector<uint8_t> segBuf(0x80000);
+    std::vector<TQvFileStat> segOut(4), all(4);
+    TQvBlkSegQuery q{};
+    q.blkId = blockA;
+    q.total = 4;
+    q.max = 4;
+    q.segSize = 0x80000;
+    q.segBuf = segBuf.data();
+    q.out = segOut.data();
+    ASSERT_EQ(0, qvfs_BlockStatSeg(&q));
+    EXPECT_EQ(2, q.segFound);
+    ASSERT_EQ(2, qvfs_BlockStat(d, blockA, all.data(), 4));
+    EXPECT_EQ(0, std::memcmp(all.data(), segOut.data(), 2 * sizeof all[0]));
 }
 
 TEST_F(ApiManage, DataTypeSizeNeedsAVersion2Disk) {
     record(3, 100);
-    EXPECT_EQ(1024, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 3, 0));
+    EXPECT_EQ(1024, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 3, 0)) << "one 1 GiB block, in MiB";
     // A disk this process has no image of reads as version 1.
     EXPECT_ERR(-2, QVFS_ERR_OLDVERSION, qvfs_GetUsedSizeOfDataType(Sandbox::device_path(6).c_str(), 3, 0));
-    // A version-1 image.
     TQvDiskShare& img = *g_astQvDisk[0].share;
-    img.head.ver = 1;
-    EXPECT_ERR(-2, QVFS_ERR_OLDVERSION, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 3, 0));
-    img.head.ver = 0;
-    EXPECT_ERR(-2, QVFS_ERR_OLDVERSION, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 3, 0));
+    for (uint32_t old : {1u, 0u}) {
+        img.head.ver = old;
+        EXPECT_ERR(-2, QVFS_ERR_OLDVERSION, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 3, 0));
+    }
     img.head.ver = 2;
     EXPECT_EQ(1024, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 3, 0));
     // The layer's own refusals come through unchanged.
     EXPECT_ERR(-1, QVFS_ERR_CHANNEL, qvfs_GetUsedSizeOfDataType(disk_.c_str(), 1024, 0));
 }
 
-TEST_F(ApiManage, BlockListingsAndStatus) {
-    std::vector<std::string> names;
-    for (int i = 0; i < 5; ++i) names.push_back(record(2, size_t(700 * (i + 1)), i == 0 ? 1 : 5));
-    ASSERT_EQ(0, qvfs_Lock(names[1].c_str(), 1));
-    const uint32_t block = name_block(names[0]);
-
-    std::vector<TQvFileStat> out(8);
-    std::memset(out.data(), 0, out.size() * sizeof out[0]);
-    ASSERT_EQ(5, qvfs_BlockStat(disk_.c_str(), block, out.data(), 8));
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(700 * (i + 1), out[i].st.st_size) << i;
-        EXPECT_EQ(2u, out[i].chn);
-        // The listing names a locked file with the kind letter L.
-        std::string want = names[i];
-        if (i == 1) want[20] = 'L';
-        EXPECT_EQ(want, std::string(out[i].name)) << i;
-    }
-    EXPECT_EQ(2, qvfs_BlockStat(disk_.c_str(), block, out.data(), 2));
-    EXPECT_EQ(0, qvfs_BlockStat(disk_.c_str(), block, out.data(), 0));
-
-    // The same listing segment by segment with the caller's buffers.
-    std::vector<uint8_t> seg(0x80000);
-    std::vector<TQvFileStat> segOut(8);
-    TQvBlkSegQuery q{};
-    q.diskId = 0;
-    q.blkId = block;
-    q.total = 8;
-    q.max = 8;
-    q.segSize = 0x80000;
-    q.segBuf = seg.data();
-    q.out = segOut.data();
-    ASSERT_EQ(0, qvfs_BlockStatSeg(&q));
-    EXPECT_EQ(5, q.segFound);
-    EXPECT_EQ(names[4], std::string(segOut[4].name));
-
-    // Status words: current block of its channel, one locked file, files of
-    // other record types; end time as two words.
-    QvfsBlockStat bs;
-    ASSERT_EQ(0, qvfs_GetBlockStat(0, block, &bs));
-    EXPECT_EQ(0u, bs.diskId);
-    EXPECT_EQ(block, bs.blkId);
-    EXPECT_EQ(0u, bs.dataType);
-    EXPECT_EQ(1u, bs.locked);
-    EXPECT_EQ(1u, bs.otherType);
-    EXPECT_EQ(1u, bs.state);
+TEST_F(ApiManage, BlockStatusWords) {
+    // Record type 1 (in the class) and 5 (outside it) in one block.
+    const std::string a = record(2, 700, 1);
+    const std::string b = record(2, 700, 5);
+    const uint32_t block = name_block(a);
+    auto words = [&] {
+        QvfsBlockStat bs;
+        std::memset(&bs, 0x77, sizeof bs);
+        EXPECT_EQ(0, qvfs_GetBlockStat(0, block, &bs));
+        return bs;
+    };
+    QvfsBlockStat bs = words();
     TQvBlkStat raw{};
     ASSERT_EQ(0, bf_GetBlockStat(0, block, &raw));
+    EXPECT_EQ(0u, bs.diskId);
+    EXPECT_EQ(block, bs.blkId);
+    EXPECT_EQ(raw.dataType, bs.dataType);
+    EXPECT_EQ(1u, bs.state) << "the channel's current block";
     EXPECT_EQ(raw.endTimeLo, bs.endTimeLo);
     EXPECT_EQ(raw.endTimeHi, bs.endTimeHi);
     EXPECT_GT(bs.endTimeLo, 1600000000u) << "the end time moves with the writes";
-
-    // Only type 1 and 2 files, none locked: both flags 0.
-    ASSERT_EQ(0, qvfs_Lock(names[1].c_str(), 0));
-    for (int i = 1; i < 5; ++i) ASSERT_EQ(0, qvfs_ChangeRecType(names[i].c_str(), 2));
-    ASSERT_EQ(0, qvfs_GetBlockStat(0, block, &bs));
+    // The counts are biased by -65536: a flag is 1 exactly when one file counts.
     EXPECT_EQ(0u, bs.locked);
-    EXPECT_EQ(0u, bs.otherType);
+    EXPECT_EQ(1u, bs.otherType);
+    ASSERT_EQ(0, qvfs_Lock(b.c_str(), 1));
+    EXPECT_EQ(1u, words().locked);
+    ASSERT_EQ(0, qvfs_Lock(b.c_str(), 0));
+    EXPECT_EQ(0u, words().locked);
+    ASSERT_EQ(0, qvfs_ChangeRecType(b.c_str(), 2));
+    EXPECT_EQ(0u, words().otherType);
 
-    // A bad unit inside the block: it stays allocated but is no longer the
-    // channel's current block once the channel needs room again.
+    // A bad unit: the channel moves on, the block stays allocated (state 2).
     ASSERT_EQ(0, qvfs_TagBadUnit(disk_.c_str(), qvfs::disk::kDataStart + uint64_t(block) * kGiB + 4096, 512));
-    TQvStatfs sf{};
-    ASSERT_EQ(0, qvfs_Statfs(disk_.c_str(), &sf));
-    EXPECT_EQ(1u, sf.f_spare[0]);
     const std::string moved = record(2, 10);
     EXPECT_NE(block, name_block(moved));
-    ASSERT_EQ(0, qvfs_GetBlockStat(0, block, &bs));
-    EXPECT_EQ(2u, bs.state);
+    EXPECT_EQ(2u, words().state);
+    // Unlinked with nobody holding it, the block goes back (state 0).
+    EXPECT_EQ(0, qvfs_BlockUnlink(0, name_block(moved)));
     ASSERT_EQ(0, qvfs_GetBlockStat(0, name_block(moved), &bs));
-    EXPECT_EQ(1u, bs.state);
-
-    // A failed status query leaves the record as it was.
-    std::memset(&bs, 0x5A, sizeof bs);
-    EXPECT_NE(0, qvfs_GetBlockStat(0, 1u << 20, &bs));
-    EXPECT_EQ(0x5A5A5A5Au, bs.diskId);
-}
-
-TEST_F(ApiManage, BlockUnlinkWaitsForTheLastUser) {
-    const std::string a = record(5, 4000);
-    const std::string b = record(5, 4000);
-    const uint32_t block = name_block(a);
-    auto used = [&] {
-        TQvDiskBlkInfo info[kBlocks];
-        return qvfs_GetBlockInfo(disk_.c_str(), info, int(kBlocks));
-    };
-    ASSERT_EQ(1, used());
-
-    const int h = open_name(b);
-    ASSERT_GE(h, 0);
-    EXPECT_EQ(0, qvfs_BlockUnlink(0, block));
-    EXPECT_EQ(1, used()) << "held by an open file";
-    std::vector<uint8_t> buf(4000);
-    EXPECT_EQ(4000, qvfs_Read(h, buf.data(), 4000)) << "the open file stays readable";
-    EXPECT_EQ(0, qvfs_Close(h));
-    EXPECT_EQ(0, used());
-    EXPECT_EQ(-1, open_name(a));
-    QvfsBlockStat bs;
-    ASSERT_EQ(0, qvfs_GetBlockStat(0, block, &bs));
     EXPECT_EQ(0u, bs.state);
+    EXPECT_EQ(-1, open_name(moved));
+
+    // A failed query returns the layer's result and leaves the record alone.
+    std::memset(&bs, 0x5A, sizeof bs);
+    TQvBlkStat ignored;
+    EXPECT_EQ(bf_GetBlockStat(0, 1u << 20, &ignored), qvfs_GetBlockStat(0, 1u << 20, &bs));
+    EXPECT_EQ(0x5A5A5A5Au, bs.diskId);
+    EXPECT_EQ(0x5A5A5A5Au, bs.endTimeHi);
 }
 
 }  // namespace

@@ -203,44 +203,6 @@ TEST_F(ApiSharing, ThreadsOnOneHandleNeverSplitAWrite) {
     EXPECT_EQ(size_t(kThreads) * kWrites, seen.size());
 }
 
-TEST_F(ApiSharing, ThreadsOnManyChannelsAtOnce) {
-    constexpr int kChannels = 3;  // the disk has four blocks
-    constexpr int kFilesEach = 3;
-    std::vector<std::vector<std::string>> names(kChannels);
-    std::vector<std::thread> threads;
-    std::atomic<int> failures{0};
-    for (int c = 0; c < kChannels; ++c) {
-        threads.emplace_back([&, c] {
-            for (int f = 0; f < kFilesEach; ++f) {
-                TQvfsOpenParam p = param(uint32_t(20 + c));
-                char name[64] = {};
-                const int h = qvfs_OpenV2(&p, name, QVFS_O_RDWR);
-                if (h < 0) {
-                    failures.fetch_add(1);
-                    return;
-                }
-                const uint32_t seed = uint32_t(c * 16 + f);
-                for (uint32_t off = 0; off < 512 * 1024; off += 32768) {
-                    const auto data = pattern(seed, off, 32768);
-                    iovec iov[2] = {{const_cast<uint8_t*>(data.data()), 1000},
-                                    {const_cast<uint8_t*>(data.data()) + 1000, 32768 - 1000}};
-                    if (qvfs_Writev(h, iov, 2) != 32768) failures.fetch_add(1);
-                }
-                if (qvfs_Close(h) != 0) failures.fetch_add(1);
-                names[c].push_back(name);
-            }
-        });
-    }
-    for (auto& th : threads) th.join();
-    ASSERT_EQ(0, failures.load());
-    for (int c = 0; c < kChannels; ++c) {
-        ASSERT_EQ(size_t(kFilesEach), names[c].size());
-        for (int f = 0; f < kFilesEach; ++f)
-            EXPECT_EQ(pattern(uint32_t(c * 16 + f), 0, 512 * 1024), read_all(names[c][f])) << c << "/" << f;
-        EXPECT_EQ(int(qvfs::test::name_block(names[c][0])), qvfs_GetUsedInBlockId(disk_.c_str(), 20 + c, 0));
-    }
-}
-
 TEST_F(ApiSharing, DeInitGivesBackWhatAProcessLeftOpen) {
     struct Names {
         char left[64];

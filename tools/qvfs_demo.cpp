@@ -64,7 +64,6 @@ constexpr uint64_t kRingKept = kRingBytes - kChunk;  // what the ring holds at t
 constexpr uint64_t kGiB = 1ull << 30;
 constexpr uint64_t kDemoImage = 16 * kGiB;
 constexpr uint64_t kBenchImage = 24 * kGiB;    // 16 channels need 16 blocks
-constexpr int kMaxChannels = 16;
 constexpr int kMaxFiles = 1024;
 
 struct Options {
