@@ -285,6 +285,16 @@ QVFS_API int qvfs_BlockUnlink(uint32_t disk, uint32_t blockId);
  * 0, or the block layer's failure (out untouched). */
 QVFS_API int qvfs_GetBlockStat(uint32_t disk, uint32_t blockId, QvfsBlockStat* out);
 
+/* ---- error messages ------------------------------------------------------------ */
+
+/* Words for a code that a call left in errno, for messages to people: every
+ * code of qvfs_types.h, QVFS_ERR_SYS + a system errno (the system's message),
+ * 2 * QVFS_ERR_SYS + errno (a format whose metadata writes failed), a bare
+ * system errno, and "unknown error" for anything else. Never null. The text
+ * is static or lives in a buffer of the calling thread that its next call
+ * overwrites. Does not test the initialised flag; any thread may call. */
+QVFS_API const char* qvfs_ErrorString(int code);
+
 QVFS_EXTERN_C_END
 
 #ifdef __cplusplus

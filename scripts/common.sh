@@ -12,6 +12,9 @@ qvfs_need_packages() {
     command -v pkg-config >/dev/null 2>&1 || missing+=(pkg-config)
     [ -f /usr/include/gtest/gtest.h ] || missing+=(libgtest-dev)
     [ -f /usr/include/gmock/gmock.h ] || missing+=(libgmock-dev)
+    [ -f /usr/include/CLI/CLI.hpp ] || missing+=(libcli11-dev)
+    [ -f /usr/include/nlohmann/json.hpp ] || missing+=(nlohmann-json3-dev)
+    [ -f /usr/include/fmt/format.h ] || missing+=(libfmt-dev)
     for tool in "$@"; do
         case "$tool" in
             clang) command -v clang++ >/dev/null 2>&1 || missing+=(clang) ;;

@@ -34,3 +34,17 @@ if(TARGET api_demo_test AND TARGET qvfs-demo)
     QVFS_DEMO_PATH="$<TARGET_FILE:qvfs-demo>" QVFS_EXAMPLE_RUNNER="${QVFS_DEMO_RUNNER}")
   add_dependencies(api_demo_test qvfs-demo)
 endif()
+
+# The qvfs tool's tests run the built program (QVFS_TOOL_PATH) and read its
+# JSON output. Where the tool is not built (its packages missing for the
+# target) they compile to a skip.
+if(TARGET qvfs-tool)
+  find_package(nlohmann_json QUIET)
+  foreach(t cli_disk_test cli_files_test cli_check_test)
+    if(TARGET ${t} AND nlohmann_json_FOUND)
+      target_compile_definitions(${t} PRIVATE QVFS_TOOL_PATH="$<TARGET_FILE:qvfs-tool>")
+      target_link_libraries(${t} PRIVATE nlohmann_json::nlohmann_json)
+      add_dependencies(${t} qvfs-tool)
+    endif()
+  endforeach()
+endif()

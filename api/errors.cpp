@@ -1,0 +1,83 @@
+// errors.cpp - words for the library's error codes, so that applications and
+// the qvfs tool print the same message for the same failure.
+#include <cstdio>
+#include <cstring>
+
+#include "qvfs.h"
+
+namespace {
+
+// A failed system call is reported as kSys + errno; the format adds kSys once
+// more when its metadata writes fail, so kFormatSys + errno names those.
+constexpr int kSys = QVFS_ERR_SYS;
+constexpr int kFormatSys = 2 * QVFS_ERR_SYS;
+// Largest errno the system-code ranges are taken to hold. Linux stays far
+// below it; anything above falls through to "unknown".
+constexpr int kMaxErrno = 999;
+
+struct CodeText {
+    int code;
+    const char* text;
+};
+
+// One line per code of qvfs_types.h; the words say what went wrong from the
+// caller's side, not which function noticed it.
+constexpr CodeText kTexts[] = {
+    {0, "no error"},
+    {QVFS_ERR_BADARG, "bad argument, or no such file"},
+    {QVFS_ERR_BADHANDLE, "bad handle, record or range, or no free block"},
+    {QVFS_ERR_DISKNUM, "not a disk: number out of range or not a disk path"},
+    {QVFS_ERR_NOTFORMATTED, "not a formatted disk"},
+    {QVFS_ERR_NOMEM, "out of memory"},
+    {QVFS_ERR_PROJID, "key project number out of range"},
+    {QVFS_ERR_OLDVERSION, "disk format version too old for this query"},
+    {QVFS_ERR_INITFAILED, "the library could not start its layers"},
+    {QVFS_ERR_CHANNEL, "channel number out of range (0 to 1023)"},
+    {QVFS_ERR_BLOCKRANGE, "offset or length beyond the block"},
+    {QVFS_ERR_TOOMANYBLOCKS, "too many blocks loaded in this process"},
+    {QVFS_ERR_FMT_NOSHARE, "format: the disk's shared image is not available"},
+    {QVFS_ERR_FMT_TOOSMALL, "format: device or size below 1 GiB"},
+    {QVFS_ERR_NOTINIT, "the library is not initialised"},
+};
+
+// The message of a system code, in a buffer of the calling thread. The
+// GNU strerror_r may return a static string instead of filling buf. Code 0
+// comes from a transfer that moved fewer bytes than asked without an error.
+const char* system_text(int err, char* buf, size_t n) {
+    if (err == 0) return "short transfer (fewer bytes moved than asked)";
+#if defined(__GLIBC__) && defined(_GNU_SOURCE)
+    return strerror_r(err, buf, n);
+#else
+    if (strerror_r(err, buf, n) != 0) std::snprintf(buf, n, "system error %d", err);
+    return buf;
+#endif
+}
+
+}  // namespace
+
+extern "C" {
+
+QVFS_API const char* qvfs_ErrorString(int code) {
+    for (const CodeText& t : kTexts)
+        if (t.code == code) return t.text;
+
+    thread_local char text[160];
+    char sys[128];
+    if (code >= kFormatSys && code <= kFormatSys + kMaxErrno) {
+        std::snprintf(text, sizeof text, "format: metadata not written: %s",
+                      system_text(code - kFormatSys, sys, sizeof sys));
+        return text;
+    }
+    if (code >= kSys && code <= kSys + kMaxErrno) {
+        std::snprintf(text, sizeof text, "%s", system_text(code - kSys, sys, sizeof sys));
+        return text;
+    }
+    // A bare errno value: some lower calls leave the system's own code.
+    if (code > 0 && code <= kMaxErrno) {
+        std::snprintf(text, sizeof text, "%s", system_text(code, sys, sizeof sys));
+        return text;
+    }
+    return "unknown error";
+}
+
+}  // extern "C"
