@@ -76,7 +76,7 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     const uint32_t kind = req->fileType == 2 ? 2 : 0;
     _bf_MakeFileName(rec->diskId, static_cast<int32_t>(rec->blkId), hd.slice + 1, name,
                      reinterpret_cast<uint8_t*>(slice) + offsetof(TQvBlkSliceInfo, magic), kind);
-    std::strncat(name, req->ext, sizeof req->ext);
+    std::strncat(name, req->ext, sizeof(TQvfsOpenParam::ext));  // at most the 8 characters of the field
     std::strncpy(slice->ext, req->ext, sizeof slice->ext);
     slice->ext[sizeof slice->ext - 1] = '\0';
 

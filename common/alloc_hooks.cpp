@@ -66,6 +66,12 @@ int countest_GetCallFuncObj(int /*callId*/) { return 0; }
 int qvfs_GetTimeString(uint32_t seconds, char* buf, uint32_t size) {
     if (buf == nullptr || size == 0) return 0;
     time_t t = static_cast<time_t>(seconds);
+    // With the recorders' 32-bit time_t, seconds from 2^31 on (2038) would
+    // turn into dates before 1970: no text rather than a wrong one.
+    if (t < 0) {
+        buf[0] = '\0';
+        return 0;
+    }
     struct tm tmv;
     std::memset(&tmv, 0, sizeof tmv);
     localtime_r(&t, &tmv);

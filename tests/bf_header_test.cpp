@@ -151,9 +151,12 @@ TEST_F(PrinterTest, HeaderLineWithFullWidthTimes) {
     testing::internal::CaptureStdout();
     int n = bf_PrintTQvBlkInfo(&h);
     std::string out = testing::internal::GetCapturedStdout();
+    // A 32-bit time_t (the ARM recorders) cannot hold the end time: its text
+    // stays empty, the number is printed all the same.
+    const std::string endText = sizeof(time_t) >= 8 ? "2106-02-07_06:28:16" : "";
     EXPECT_EQ(
         "Block. Len=2097152 flg=1 chn=7 dataType=3 recType=0xFFFFFFFFFFFF0001 lock=4294901761 cnt=2 "
-        "slice=5 startTime=1970-01-01_00:00:00(0) endTime=2106-02-07_06:28:16(4294967296) "
+        "slice=5 startTime=1970-01-01_00:00:00(0) endTime=" + endText + "(4294967296) "
         "addr=0x200000 next=0x203000\n",
         out);
     EXPECT_EQ(static_cast<int>(out.size()), n);
