@@ -149,6 +149,22 @@ TEST_F(CliDisk, FormatLaysOutTheSizeAskedForAndZeroesBlockHeads) {
     EXPECT_EQ(2, qvfs({"format", "2", "--size", "4G", "--zero-heads"}).status);
 }
 
+TEST_F(CliDisk, FormatLeavesADiskThatOthersUseAloneUnlessForced) {
+    const std::string name = record(1, 0, kT0, bytes(100, 1));
+    // This process (the "recorder") has disk 0 mounted.
+    ToolRun r = qvfs({"format", "0"});
+    EXPECT_EQ(1, r.status);
+    EXPECT_EQ("qvfs: cannot format disk 0 (/dev/scsi/host00/part1): 1 other process has it mounted "
+              "(--force formats it anyway)\n",
+              r.err);
+    TQvFileStat st;
+    EXPECT_EQ(0, qvfs_Stat(name.c_str(), &st)) << "the recording must survive the refusal";
+
+    r = qvfs({"format", "0", "--force"});
+    EXPECT_EQ(0, r.status) << r.describe();
+    EXPECT_EQ(0, json({"df", "0", "--json"})["disks"][0]["used"]);
+}
+
 TEST_F(CliDisk, DfCountsBlocksAndTheSpaceOfEachDataType) {
     record(1, 0, kT0, bytes(1000, 1));
     record(1, 0, kT0 + 60, bytes(1000, 2));  // same channel and type: same block

@@ -269,8 +269,8 @@ TEST_F(CliFiles, ImportRecordsAFileThatTheLibraryReadsBack) {
         std::ofstream out(src, std::ios::binary);
         out.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
     }
-    const Json j = json({"import", "0", src, "--channel", "4", "--type", "PIC", "--start", "@1709287200",
-                         "--record-type", "3", "--json"});
+    const Json j = json({"import", "0", src, "--channel", "4", "--type", "PIC", "--start", "@1709287200", "--end",
+                         "2024-03-01T10:05:00", "--record-type", "3", "--json"});
     const std::string name = j["name"];
     EXPECT_EQ(".jpg", name.substr(name.size() - 4));
     EXPECT_EQ(200000, j["size"]);
@@ -279,12 +279,14 @@ TEST_F(CliFiles, ImportRecordsAFileThatTheLibraryReadsBack) {
     EXPECT_EQ(4u, st.chn);
     EXPECT_EQ(3u, st.recType);
     EXPECT_EQ(static_cast<uint64_t>(kT0), st.startTime);
+    EXPECT_EQ(kT0 + 5 * kMin, st.st.st_mtim.tv_sec);
     QvfsBlockStat bs{};
     ASSERT_EQ(0, qvfs_GetBlockStat(0, static_cast<uint32_t>(std::stoul(name.substr(2, 6), nullptr, 16)), &bs));
     EXPECT_EQ(3u, bs.dataType);  // PIC
 
     EXPECT_EQ(1, qvfs({"import", "0", sbx_.root() + "/none", "--channel", "4"}).status);
     EXPECT_EQ(2, qvfs({"import", "0", src}).status);  // no channel
+    EXPECT_EQ(2, qvfs({"import", "0", src, "--channel", "4", "--start", "@1709287200", "--end", "@1709287199"}).status);
 }
 
 }  // namespace

@@ -32,6 +32,7 @@ enum Exit : int {
 // exits with `code`.
 struct Failure : std::runtime_error {
     int code;
+    int libCode = 0;  // the library's error code behind it, when there is one
     explicit Failure(const std::string& what, int code = kExitFailed) : std::runtime_error(what), code(code) {}
 };
 [[noreturn]] void usage_error(const std::string& what);

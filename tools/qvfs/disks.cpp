@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <optional>
 #include <thread>
 
@@ -92,11 +93,35 @@ std::optional<uint64_t> written_bytes() {
     return std::nullopt;
 }
 
+Json dump_json(const std::string& text);
+std::string debug_dump();
+
+// How many processes have a disk mounted, this one included, as the disk
+// layer's dump shows it; 0 when the disk cannot be mounted (not formatted).
+int mount_count(const Disk& d) {
+    try {
+        Mounted m(d);
+        const Json dump = dump_json(debug_dump());
+        for (const Json& row : dump.value("QVDISK", Json::array()))
+            if (row.value("id", "") == std::to_string(d.number)) return std::stoi(row.value("mounted", "0"));
+    } catch (const Failure& f) {
+        if (f.code == kExitInterrupted) throw;
+    }
+    return 0;
+}
+
 int cmd_format() {
     const Disk d = parse_disk(a.disk);
     std::optional<uint64_t> size;
     if (!a.size.empty()) size = parse_size(a.size, "size");
     start_library();
+    // A format takes the disk from under every process that uses it.
+    if (!a.force) {
+        const int users = mount_count(d) - 1;
+        if (users > 0)
+            throw Failure(fmt::format("cannot format {}: {} other process{} {} it mounted (--force formats it anyway)",
+                                      disk_label(d), users, users == 1 ? "" : "es", users == 1 ? "has" : "have"));
+    }
 
     int r = 0;
     int err = 0;
@@ -254,7 +279,7 @@ int cmd_df() {
             if (f.code == kExitInterrupted) throw;
             // Going through every disk, one that carries no format is only
             // reported as such; a disk that was asked for by name fails.
-            if (!all || std::string(f.what()).find(qvfs_ErrorString(QVFS_ERR_NOTFORMATTED)) == std::string::npos) {
+            if (!all || f.libCode != QVFS_ERR_NOTFORMATTED) {
                 fmt::print(stderr, "qvfs: {}\n", f.what());
                 status = kExitFailed;
             }
@@ -436,6 +461,19 @@ Json dump_json(const std::string& text) {
     return doc;
 }
 
+// The library's dump, in a buffer that grows until the whole text fits.
+std::string debug_dump() {
+    std::vector<char> buf(256 * 1024);
+    for (;;) {
+        errno = 0;
+        const int n = qvfs_GetDebugInfo(buf.data(), static_cast<int>(buf.size()));
+        if (n < 0) throw Failure("cannot read the debug dump: " + lib_error(errno));
+        if (size_t(n) + 1 < buf.size() || buf.size() >= (64u << 20)) break;
+        buf.resize(buf.size() * 2);
+    }
+    return std::string(buf.data(), strnlen(buf.data(), buf.size()));
+}
+
 int cmd_dump() {
     std::vector<Disk> disks;
     if (a.disks.empty()) {
@@ -456,15 +494,7 @@ int cmd_dump() {
             status = kExitFailed;
         }
     }
-    std::vector<char> buf(256 * 1024);
-    int n = 0;
-    for (;;) {
-        n = qvfs_GetDebugInfo(buf.data(), static_cast<int>(buf.size()));
-        if (n < 0) throw Failure("cannot read the debug dump: " + lib_error(errno));
-        if (size_t(n) + 1 < buf.size() || buf.size() >= (64u << 20)) break;
-        buf.resize(buf.size() * 2);
-    }
-    const std::string text(buf.data(), strnlen(buf.data(), buf.size()));
+    const std::string text = debug_dump();
     if (g.json)
         print_json(dump_json(text));
     else
@@ -486,6 +516,7 @@ void add_disk_commands(CLI::App& app) {
     auto* zero = format->add_flag("--zero-heads", a.zeroHeads, "Also zero the head of every block (slow)");
     format->add_option("--size", a.size, "Lay out only this many bytes of the device")->type_name("BYTES")
         ->excludes(zero);
+    format->add_flag("-f,--force", a.force, "Format even when other processes have the disk mounted");
     format->callback([] { set_action(cmd_format); });
 
     auto* df = app.add_subcommand("df", "Space of disks: blocks in all, used, free, bad, space per data type");

@@ -29,7 +29,7 @@ struct Args {
     std::string type, from, to;
     std::string name;
     std::string file;
-    std::string start;
+    std::string start, end;
     int32_t recType = 0;
     std::string ext;
 } a;
@@ -259,11 +259,15 @@ int cmd_export() {
     uint64_t n = 0;
     try {
         n = copy_out(in, out, a.file, fmt::format("export {}", f.name), true);
-        if (::close(out) != 0) throw Failure(fmt::format("cannot write {}: {}", a.file, std::strerror(errno)));
     } catch (...) {
         ::close(out);
         ::unlink(a.file.c_str());  // no partial copy is left behind
         throw;
+    }
+    if (::close(out) != 0) {
+        const int e = errno;
+        ::unlink(a.file.c_str());
+        throw Failure(fmt::format("cannot write {}: {}", a.file, std::strerror(e)));
     }
     if (g.json)
         print_json(Json{{"name", f.name}, {"file", a.file}, {"size", n}});
@@ -324,6 +328,9 @@ int cmd_import() {
     const Disk d = parse_disk(a.disk);
     const uint32_t type = a.type.empty() ? 0 : parse_type(a.type);
     const int64_t start = a.start.empty() ? static_cast<int64_t>(::time(nullptr)) : parse_time(a.start, "--start time");
+    std::optional<int64_t> end;
+    if (!a.end.empty()) end = parse_time(a.end, "--end time");
+    if (end && *end < start) usage_error("--end is earlier than --start");
     const int in = ::open(a.file.c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0) throw Failure(fmt::format("cannot open {}: {}", a.file, std::strerror(errno)));
     struct Closer {
@@ -379,6 +386,13 @@ int cmd_import() {
         throw;
     }
     qvfs_Close(h);
+    // The end time is the time of the last write unless one is given.
+    if (end) {
+        const TimeValue times[2] = {{static_cast<int32_t>(*end), 0}, {static_cast<int32_t>(*end), 0}};
+        errno = 0;
+        if (qvfs_ChangeTime(name, times) != 0)
+            throw Failure(fmt::format("cannot set the end time of {}: {}", name, lib_error(errno)));
+    }
     if (g.json)
         print_json(Json{{"name", name}, {"disk", d.number}, {"channel", a.channel}, {"type", type_label(type)},
                         {"size", done}});
@@ -396,6 +410,7 @@ void add_file_commands(CLI::App& app) {
     imp->add_option("--channel", a.channel, "Channel 0 to 1023")->required()->check(CLI::Range(0, 1023));
     imp->add_option("--type", a.type, "Data type (REC, IMG, BACK, PIC, FPD, ITS; default REC)");
     imp->add_option("--start", a.start, "Start time (default: now)")->type_name("TIME");
+    imp->add_option("--end", a.end, "End time (default: the time of the last write)")->type_name("TIME");
     imp->add_option("--record-type", a.recType, "Record type chosen by the application (default 0)");
     imp->add_option("--ext", a.ext, "Name extension (default rvd, jpg for IMG and PIC)");
     imp->callback([] { set_action(cmd_import); });

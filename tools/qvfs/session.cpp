@@ -86,8 +86,12 @@ void start_library() {
 Mounted::Mounted(const Disk& d) : disk_(d) {
     start_library();
     errno = 0;
-    if (qvfs_Mount(d.device.c_str()) != 0)
-        throw Failure(fmt::format("cannot mount {}: {}", disk_label(d), lib_error(errno)));
+    if (qvfs_Mount(d.device.c_str()) != 0) {
+        const int e = errno;
+        Failure f(fmt::format("cannot mount {}: {}", disk_label(d), lib_error(e)));
+        f.libCode = e;
+        throw f;
+    }
 }
 
 Mounted::~Mounted() { qvfs_UnMount(disk_.device.c_str()); }
