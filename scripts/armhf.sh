@@ -46,13 +46,12 @@ echo "== armhf build"
 # shellcheck disable=SC2086
 qvfs_build "$ARM" -DCMAKE_TOOLCHAIN_FILE="$TOOLCHAIN" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DGTest_DIR="$GTEST/install/lib/cmake/GTest" ${QVFS_CMAKE_ARGS:-}
-cache_value() { sed -n "s/^$1:[A-Z]*=//p" "$ARM/CMakeCache.txt"; }
-QEMU=$(cache_value QVFS_QEMU_ARM)
-SYSROOT=$(cache_value QVFS_ARMHF_SYSROOT)
-[ -x "$QEMU" ] || { echo "no qemu-arm found" >&2; exit 1; }
-arm_run() { "$QEMU" -L "$SYSROOT" "$@"; }
+# The command that runs ARM programs here, as the toolchain file chose it.
+IFS=';' read -r -a EMULATOR <<<"$(sed -n 's/^QVFS_ARMHF_EMULATOR:INTERNAL=//p' "$ARM/CMakeCache.txt")"
+[ ${#EMULATOR[@]} -gt 0 ] && [ -x "${EMULATOR[0]}" ] || { echo "no qemu-arm found" >&2; exit 1; }
+arm_run() { "${EMULATOR[@]}" "$@"; }
 
-echo "== armhf test suite under $(basename "$QEMU")"
+echo "== armhf test suite under ${EMULATOR[*]}"
 exclude="^($(IFS='|'; echo "${EXCLUDED[*]//./\\.}"))\$"
 log=$ARM/armhf-ctest.log
 suite_start=$(date +%s)
