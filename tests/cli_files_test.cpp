@@ -3,7 +3,7 @@
 // stat, cat, export, rm, lock, unlock and import.
 #include <gtest/gtest.h>
 
-#if defined(QVFS_TOOL_PATH) && __has_include(<nlohmann/json.hpp>)
+#if defined(QVFS_TOOL_PATH) && defined(QVFS_TOOL_RUNNER) && __has_include(<nlohmann/json.hpp>)
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -43,7 +43,7 @@ std::string slurp(const std::string& path) {
 
 class CliFiles : public CliTest {
 protected:
-    CliFiles() : CliTest(QVFS_TOOL_PATH) {}
+    CliFiles() : CliTest(QVFS_TOOL_PATH, QVFS_TOOL_RUNNER) {}
 
     Json json(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
         const ToolRun r = qvfs(args, env);

@@ -40,9 +40,12 @@ endif()
 # target) they compile to a skip.
 if(TARGET qvfs-tool)
   find_package(nlohmann_json QUIET)
+  # A cross build runs the tool through the same emulator as the tests.
+  string(REPLACE ";" " " QVFS_TOOL_RUNNER "${CMAKE_CROSSCOMPILING_EMULATOR}")
   foreach(t cli_disk_test cli_files_test cli_check_test)
     if(TARGET ${t} AND nlohmann_json_FOUND)
-      target_compile_definitions(${t} PRIVATE QVFS_TOOL_PATH="$<TARGET_FILE:qvfs-tool>")
+      target_compile_definitions(${t} PRIVATE QVFS_TOOL_PATH="$<TARGET_FILE:qvfs-tool>"
+                                 QVFS_TOOL_RUNNER="${QVFS_TOOL_RUNNER}")
       target_link_libraries(${t} PRIVATE nlohmann_json::nlohmann_json)
       add_dependencies(${t} qvfs-tool)
     endif()

@@ -107,9 +107,20 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
 ToolRun CliTest::qvfs(const std::vector<std::string>& args, const std::vector<std::string>& env) const {
     std::vector<std::string> all{"--root", sbx_.root()};
     all.insert(all.end(), args.begin(), args.end());
+    return qvfs_plain(all, env);
+}
+
+ToolRun CliTest::qvfs_plain(const std::vector<std::string>& args, const std::vector<std::string>& env) const {
+    std::vector<std::string> cmd;
+    std::istringstream words(runner_);
+    for (std::string w; words >> w;) cmd.push_back(w);
+    cmd.push_back(tool_);
+    cmd.insert(cmd.end(), args.begin(), args.end());
+    const std::string program = cmd.front();
+    cmd.erase(cmd.begin());
     std::vector<std::string> e{"TZ=UTC"};
     e.insert(e.end(), env.begin(), env.end());
-    return run_program(tool_, all, e);
+    return run_program(program, cmd, e);
 }
 
 std::string CliTest::record(uint32_t chn, int32_t fileType, int32_t start, const std::vector<uint8_t>& bytes,

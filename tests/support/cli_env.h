@@ -5,7 +5,7 @@
 //
 //   class CliX : public qvfs::test::CliTest {
 //   protected:
-//       CliX() : CliTest(QVFS_TOOL_PATH) {}
+//       CliX() : CliTest(QVFS_TOOL_PATH, QVFS_TOOL_RUNNER) {}
 //   };
 //   TEST_F(CliX, Df) {
 //       ToolRun r = qvfs({"df", "0", "--json"});
@@ -38,11 +38,15 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
 
 class CliTest : public ApiTest {
 protected:
-    explicit CliTest(const char* tool) : tool_(tool) {}
+    // The tool's path, and the command that runs programs of the target
+    // (space-separated; empty when they run directly).
+    CliTest(const char* tool, const char* runner) : tool_(tool), runner_(runner) {}
 
     // Runs the tool as "qvfs --root <sandbox> args..." in the UTC time zone
     // (env entries may override TZ).
     ToolRun qvfs(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) const;
+    // The same without the --root option.
+    ToolRun qvfs_plain(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) const;
 
     // Records a file through the library in this process: channel, file
     // type, start time and record type as given, `bytes` written, closed.
@@ -51,6 +55,7 @@ protected:
                        int32_t recType = 0, int32_t resSize = 0);
 
     std::string tool_;
+    std::string runner_;
 };
 
 }  // namespace qvfs::test

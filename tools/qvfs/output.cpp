@@ -143,17 +143,21 @@ int64_t parse_time(const std::string& text, const char* what) {
         return bad();
     tm.tm_year -= 1900;
     tm.tm_mon -= 1;
-    const int wantDay = tm.tm_mday;
+    const std::tm want = tm;
     std::time_t t;
     if (zoned) {
         t = timegm(&tm);
-        t -= offset;
     } else {
         tm.tm_isdst = -1;  // let the zone rules decide
         t = std::mktime(&tm);
     }
-    if (tm.tm_mday != wantDay) return bad();  // normalised: the date did not exist (Feb 30)
-    return static_cast<int64_t>(t);
+    // Back to a date: a day that does not exist (Feb 30) comes back as
+    // another one, and so does a time beyond the platform's time_t.
+    std::tm back{};
+    if ((zoned ? gmtime_r(&t, &back) : localtime_r(&t, &back)) == nullptr || back.tm_year != want.tm_year ||
+        back.tm_mon != want.tm_mon || back.tm_mday != want.tm_mday)
+        return bad();
+    return static_cast<int64_t>(t) - offset;
 }
 
 // ---- tables ----------------------------------------------------------------------
