@@ -312,6 +312,7 @@ TEST_F(CliDisk, DumpShowsEveryLayerAsTextAndAsJson) {
     EXPECT_EQ("0", disk["id"]);
     EXPECT_EQ("4", disk["tolblk"]);
     EXPECT_EQ("1", disk["useblk"]);
+    EXPECT_EQ("1", disk["REC"]);
     // Mounted by this process and by the tool while it dumps.
     EXPECT_EQ("2", disk["mounted"]);
 }

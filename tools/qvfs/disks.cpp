@@ -450,6 +450,8 @@ Json dump_json(const std::string& text) {
         if (section.empty()) continue;
         if (titles.empty()) {
             titles = fields(line);
+            // "[REC ... ITS]" marks a group of columns; the names are the words.
+            for (auto& t : titles) std::erase_if(t, [](char c) { return c == '[' || c == ']'; });
             continue;
         }
         const auto values = fields(line);
