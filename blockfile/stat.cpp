@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 #include "blockfile/bf.h"
@@ -54,7 +55,8 @@ void fill_stat(TQvFileStat& o, const TQvBlkSliceInfo& e, const TQvBlkShare& rec)
     std::memcpy(tag + 4, e.verify, 4);
     _bf_MakeFileName(rec.diskId, static_cast<int32_t>(rec.blkId), static_cast<uint32_t>(e.sliceID),
                      o.name, tag, e.lock);
-    std::strncat(o.name, e.ext, 7);
+    const std::size_t stem = std::strlen(o.name);
+    std::snprintf(o.name + stem, sizeof o.name - stem, "%.7s", e.ext);
 }
 
 }  // namespace

@@ -87,7 +87,7 @@ TEST_F(ApiSharing, LivePlaybackWhileRecordingAndDeletingOldFiles) {
             CHILD_CHECK(link, qvfs_error(h) == 0);
             CHILD_CHECK(link, qvfs_Close(h) == 0);
             b->closed[f].store(1);
-            std::strncpy(p.preName, name, sizeof p.preName - 1);
+            std::snprintf(p.preName, sizeof p.preName, "%.27s", name);
         }
         return 0;
     });

@@ -49,7 +49,8 @@ protected:
         p.resSize = resSize;
         p.recType = recType;
         std::snprintf(p.path, sizeof p.path, "%s", path.c_str());
-        std::strncpy(p.ext, ext, sizeof p.ext);
+        // The field may be full (8 characters, no terminator).
+        std::memcpy(p.ext, ext, std::min(std::strlen(ext), sizeof p.ext));
         return p;
     }
 
