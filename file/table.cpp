@@ -271,6 +271,10 @@ int tf_Unlink(const char* name) {
         errno = QVFS_ERR_BADARG;
         return -1;
     }
+    // Refusing because another opener holds the file sets no error code:
+    // whatever making the handle left in errno (a semaphore that already
+    // existed, say) is not the caller's business.
+    const int callerErrno = errno;
     TQvFileHandle* h = _tf_GetFile(name);
     if (h == nullptr) return -1;
     if (h->rec == nullptr) {
@@ -282,9 +286,12 @@ int tf_Unlink(const char* name) {
         ProcLockGuard file(h->lockId);
         alone = h->inRef < 2 && h->rec->shrRef < 2;
     }
-    if (h->index >= kFileTableSize) return alone ? bf_Unlink(name) : -1;
-    release_ref(h);
-    return alone ? bf_Unlink(name) : -1;
+    if (h->index < kFileTableSize) release_ref(h);
+    if (!alone) {
+        errno = callerErrno;
+        return -1;
+    }
+    return bf_Unlink(name);
 }
 
 int tf_Init(void) {

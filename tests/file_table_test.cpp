@@ -253,7 +253,9 @@ TEST_F(FileTableTest, UnlinkOnlyWhenNobodyElseHoldsTheFile) {
         return 0;
     });
     ASSERT_TRUE(holder.expect(1)) << holder.describe(holder.wait());
+    errno = 4242;
     EXPECT_EQ(-1, tf_Unlink(f.name.c_str()));
+    EXPECT_EQ(4242, errno);  // no code, not even one left by opening the record
     EXPECT_EQ(1, used_table_slots());  // only `other`: the unlink's handle is gone
     TQvFileHandle* h = open(f.name);
     ASSERT_NE(nullptr, h);
