@@ -28,13 +28,10 @@ protected:
 };
 
 int sem_value(int id) { return semctl(id, 0, GETVAL); }
-int sem_waiters(int id) { return semctl(id, 0, GETNCNT); }
-
-// Polls for about five seconds until pred() holds.
-template <class Pred>
-bool eventually(Pred pred) {
-    for (int i = 0; i < 500 && !pred(); ++i) usleep(10000);
-    return pred();
+// Polls for about five seconds until the lock has exactly one waiter.
+bool one_waiter(int id) {
+    for (int i = 0; i < 500 && semctl(id, 0, GETNCNT) != 1; ++i) usleep(10000);
+    return semctl(id, 0, GETNCNT) == 1;
 }
 
 TEST_F(LockTest, InitRefusesBadKeysAndReopensTheSameSetUntouched) {
@@ -70,14 +67,15 @@ TEST_F(LockTest, InitRefusesBadKeysAndReopensTheSameSetUntouched) {
 TEST_F(LockTest, ProcessesRacingToCreateShareOneLockThatExcludesThem) {
     const int key = qvfs::record_lock_key(700);
     ASSERT_EQ(sbx_.share_key(700) + 0x10000, key);
-    auto* counter = static_cast<long*>(
-        mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    auto* counter = static_cast<long*>(mmap(nullptr, sizeof(long), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     ASSERT_NE(MAP_FAILED, static_cast<void*>(counter));
     *counter = 0;
 
+    // Released together, each creates or opens the lock, then counts under
+    // it: read, pause, write, so that any overlap of two holders loses a count.
     constexpr int kProcs = 4, kRounds = 300;
     std::vector<Child> kids;
-    for (int p = 0; p < kProcs; ++p) {
+    for (int p = 0; p < kProcs; ++p)
         kids.push_back(Child::spawn([&](ChildLink& link) {
             int64_t go = 0;
             CHILD_CHECK(link, link.recv(&go));
@@ -85,7 +83,6 @@ TEST_F(LockTest, ProcessesRacingToCreateShareOneLockThatExcludesThem) {
             link.send(id);
             for (int r = 0; r < kRounds; ++r) {
                 fsc_ProcLock(id);
-                // Read, pause, write: any overlap of two holders loses a count.
                 const long v = __atomic_load_n(counter, __ATOMIC_RELAXED);
                 if (r % 8 == 0) sched_yield();
                 __atomic_store_n(counter, v + 1, __ATOMIC_RELAXED);
@@ -93,77 +90,56 @@ TEST_F(LockTest, ProcessesRacingToCreateShareOneLockThatExcludesThem) {
             }
             return 0;
         }));
-    }
     for (auto& k : kids) ASSERT_TRUE(k.send(1));
     std::vector<int64_t> ids(kProcs, -1);
     for (int p = 0; p < kProcs; ++p) ASSERT_TRUE(kids[p].recv(&ids[p]));
     for (auto& k : kids) EXPECT_CHILD_OK(k);
-    for (int p = 0; p < kProcs; ++p) EXPECT_EQ(ids[0], ids[p]);
     EXPECT_GE(ids[0], 0);
+    EXPECT_EQ(std::vector<int64_t>(kProcs, ids[0]), ids);
     EXPECT_EQ(long{kProcs} * kRounds, *counter);
     EXPECT_EQ(1, sem_value(static_cast<int>(ids[0])));
     munmap(counter, sizeof(long));
 }
 
-TEST_F(LockTest, AKilledHolderGivesTheLockBackToAWaiter) {
+std::atomic<int> g_signals{0};
+
+// A waiter blocked on a lock that another process holds: signals do not end
+// its wait, killing the holder gives the lock to it.
+TEST_F(LockTest, AWaitSurvivesSignalsAndAKilledHolderGivesTheLockBack) {
     const int id = fsc_ProcLockInit(qvfs::layer_key(qvfs::kProjFileMutex));
     ASSERT_GE(id, 0);
     Child holder = Child::spawn([&](ChildLink& link) {
         fsc_ProcLock(id);
         link.send(1);
-        pause();
-        return 0;
+        return pause(), 0;
     });
     ASSERT_TRUE(holder.expect(1));
-    Child waiter = Child::spawn([&](ChildLink& link) {
-        fsc_ProcLock(id);
-        link.send(2);
-        fsc_ProcUnlock(id);
-        return 0;
-    });
-    ASSERT_TRUE(eventually([&] { return sem_waiters(id) == 1; }));
-    int64_t v = 0;
-    EXPECT_FALSE(waiter.recv(&v, 200)) << "the waiter got a held lock";
-
-    EXPECT_EQ(Child::signalled(SIGKILL), holder.kill_now());
-    EXPECT_TRUE(waiter.expect(2, 5000));
-    EXPECT_CHILD_OK(waiter);
-    EXPECT_EQ(1, sem_value(id));
-}
-
-std::atomic<int> g_signals{0};
-void on_signal(int) { g_signals.fetch_add(1); }
-
-TEST_F(LockTest, ASignalDuringAWaitDoesNotBreakIt) {
-    const int id = fsc_ProcLockInit(qvfs::layer_key(qvfs::kProjTimerMutex));
-    ASSERT_GE(id, 0);
     struct sigaction sa {};  // no SA_RESTART: the waiter's semop sees EINTR
-    sa.sa_handler = on_signal;
+    sa.sa_handler = [](int) { g_signals.fetch_add(1); };
     ASSERT_EQ(0, sigaction(SIGUSR1, &sa, nullptr));
 
-    fsc_ProcLock(id);
     std::atomic<bool> acquired{false};
     std::atomic<int> errnoAfter{0};
-    std::thread t([&] {
+    std::thread waiter([&] {
         errno = 777;
         fsc_ProcLock(id);
         errnoAfter = errno;
         acquired = true;
         fsc_ProcUnlock(id);
     });
-    ASSERT_TRUE(eventually([&] { return sem_waiters(id) == 1; }));
-    for (int i = 0; i < 5; ++i) {
-        pthread_kill(t.native_handle(), SIGUSR1);
-        usleep(20000);
-    }
+    ASSERT_TRUE(one_waiter(id));
+    for (int i = 0; i < 5; ++i, usleep(20000)) pthread_kill(waiter.native_handle(), SIGUSR1);
     EXPECT_GE(g_signals.load(), 1);
-    EXPECT_FALSE(acquired.load());
-    EXPECT_TRUE(eventually([&] { return sem_waiters(id) == 1; })) << "the waiter gave up";
+    EXPECT_FALSE(acquired.load()) << "the waiter got a held lock";
+    EXPECT_TRUE(one_waiter(id)) << "the waiter gave up";
 
-    fsc_ProcUnlock(id);
-    t.join();
-    EXPECT_TRUE(acquired.load());
+    EXPECT_EQ(Child::signalled(SIGKILL), holder.kill_now());
+    for (int i = 0; i < 500 && !acquired; ++i) usleep(10000);
+    EXPECT_TRUE(acquired.load()) << "the killed holder kept the lock";
+    if (!acquired) fsc_ProcUnlock(id);
+    waiter.join();
     EXPECT_EQ(777, errnoAfter.load());
+    EXPECT_EQ(1, sem_value(id));
     signal(SIGUSR1, SIG_DFL);
 }
 
