@@ -12,21 +12,20 @@
 namespace {
 
 TEST(ErrorString, EveryLibraryCodeHasItsOwnWords) {
-    const int codes[] = {QVFS_ERR_BADARG,        QVFS_ERR_BADHANDLE, QVFS_ERR_DISKNUM,   QVFS_ERR_NOTFORMATTED,
-                         QVFS_ERR_NOMEM,         QVFS_ERR_PROJID,    QVFS_ERR_OLDVERSION, QVFS_ERR_INITFAILED,
-                         QVFS_ERR_CHANNEL,       QVFS_ERR_BLOCKRANGE, QVFS_ERR_TOOMANYBLOCKS,
-                         QVFS_ERR_FMT_NOSHARE,   QVFS_ERR_FMT_TOOSMALL, QVFS_ERR_NOTINIT};
-    std::set<std::string> seen;
-    const std::string unknown = qvfs_ErrorString(123456);
+    std::set<std::string> seen{"unknown error"};
+    const int codes[] = {QVFS_ERR_BADARG,       QVFS_ERR_BADHANDLE,  QVFS_ERR_DISKNUM,       QVFS_ERR_NOTFORMATTED,
+                         QVFS_ERR_NOMEM,        QVFS_ERR_PROJID,     QVFS_ERR_OLDVERSION,    QVFS_ERR_INITFAILED,
+                         QVFS_ERR_CHANNEL,      QVFS_ERR_BLOCKRANGE, QVFS_ERR_TOOMANYBLOCKS, QVFS_ERR_FMT_NOSHARE,
+                         QVFS_ERR_FMT_TOOSMALL, QVFS_ERR_NOTINIT,    0};
     for (int c : codes) {
         const char* s = qvfs_ErrorString(c);
         ASSERT_NE(nullptr, s) << c;
-        EXPECT_NE(unknown, s) << c;
         EXPECT_TRUE(seen.insert(s).second) << "code " << c << " shares its words: " << s;
     }
-    // The words a person reads for the most common refusal of a mount.
     EXPECT_STREQ("not a formatted disk", qvfs_ErrorString(QVFS_ERR_NOTFORMATTED));
     EXPECT_STREQ("no error", qvfs_ErrorString(0));
+    for (int c : {-1, -5000, 1004, 2000, 5000, 9999, 123456})
+        EXPECT_STREQ("unknown error", qvfs_ErrorString(c)) << c;
 }
 
 TEST(ErrorString, SystemCodesCarryTheSystemsWords) {
@@ -39,12 +38,7 @@ TEST(ErrorString, SystemCodesCarryTheSystemsWords) {
     // A bare system errno, as some lower calls leave it.
     EXPECT_EQ(std::string(std::strerror(EACCES)), qvfs_ErrorString(EACCES));
     // A transfer that moved too few bytes without an error leaves 3000 alone.
-    EXPECT_NE(std::string(qvfs_ErrorString(123456)), qvfs_ErrorString(QVFS_ERR_SYS));
-}
-
-TEST(ErrorString, UnknownCodesAreNamedUnknown) {
-    for (int c : {-1, -5000, 1004, 2000, 5000, 9999, 123456})
-        EXPECT_STREQ("unknown error", qvfs_ErrorString(c)) << c;
+    EXPECT_STRNE("unknown error", qvfs_ErrorString(QVFS_ERR_SYS));
 }
 
 }  // namespace

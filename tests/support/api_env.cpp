@@ -46,6 +46,15 @@ int ApiTest::create(std::string* name, uint32_t chn, int32_t fileType, int32_t r
     return h;
 }
 
+std::string ApiTest::new_file(uint32_t chn, int32_t recType, size_t len) {
+    std::string name;
+    const int h = create(&name, chn, 0, 0, recType);
+    const std::vector<uint8_t> data = pattern(chn, 0, len);
+    EXPECT_EQ(int(len), qvfs_Write(h, data.data(), uint32_t(len)));
+    EXPECT_EQ(0, qvfs_Close(h));
+    return name;
+}
+
 int ApiTest::open_name(const std::string& name, int flags) {
     std::vector<char> buf(name.begin(), name.end());
     buf.push_back('\0');

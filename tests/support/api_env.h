@@ -40,6 +40,10 @@ protected:
     int create(std::string* name, uint32_t chn = 1, int32_t fileType = 0, int32_t resSize = 0,
                int32_t recType = 5);
 
+    // A new file of a channel and record type holding `len` bytes of
+    // pattern(chn, ...), closed again; its name. Fails the test when it cannot.
+    std::string new_file(uint32_t chn = 1, int32_t recType = 5, size_t len = 3);
+
     // Opens an existing file by name; the handle or -1.
     static int open_name(const std::string& name, int flags = QVFS_O_RDONLY);
 

@@ -78,4 +78,15 @@ bool FileTest::share_slot_used(uint32_t i) {
     return g_stQvfsFileList->owner[i][0] != 0 || g_stQvfsFileList->owner[i][1] != 0;
 }
 
+TQvFileHandle* FileTest::open(const std::string& name) {
+    std::string buf = name;
+    return tf_OpenFile(nullptr, buf.data());
+}
+
+int FileTest::owner_count(const TQvFileRec* rec, pid_t pid) {
+    for (const TQvFileOwner& o : rec->owner)
+        if (o.pid == pid) return o.count;
+    return -1;
+}
+
 }  // namespace qvfs::test

@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
@@ -48,6 +50,13 @@ protected:
 
     // Whether owner slot (share index) i of the owner list is in use.
     static bool share_slot_used(uint32_t i);
+
+    // Opens an existing file by its name (or a path holding it); null when
+    // tf_OpenFile refuses.
+    static TQvFileHandle* open(const std::string& name);
+
+    // The count in pid's owner slot of a record; -1 when pid has no slot.
+    static int owner_count(const TQvFileRec* rec, pid_t pid);
 
     std::string disk_;  // device path of disk 0
 };
