@@ -12,14 +12,25 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstring>
+#include <stdexcept>
 #include <string>
+#include <tuple>
+#include <utility>
 
 #include "blockfile/bf.h"
-#include "common/platform.h"
 #include "support/disk_env.h"
 
 namespace qvfs::test {
+
+// The header fields the layer maintains, for comparing whole headers:
+// Len, flg, startTime, endTime, chn, dataType, recType, lock, cnt, addr,
+// next, slice.
+inline auto head_fields(const TQvBlkInfo& h) {
+    return std::make_tuple(h.Len, h.flg, h.startTime, h.endTime, h.chn, h.dataType, h.recType, h.lock, h.cnt,
+                           h.addr, h.next, h.slice);
+}
 
 // One created file: its block handle (one reference), name and entry.
 struct Created {
@@ -54,11 +65,21 @@ protected:
         return p;
     }
 
+    // Creates a file; a failure ends the test (gtest reports the exception).
     static Created create(const TQvfsOpenParam& req) {
         Created c;
         c.h = bf_CreateFile(&req, c.name, &c.slice);
-        EXPECT_NE(nullptr, c.h) << "bf_CreateFile errno " << errno;
+        if (c.h == nullptr) throw std::runtime_error("bf_CreateFile failed, errno " + std::to_string(errno));
         return c;
+    }
+
+    // A handle's references: in this process, and of all processes.
+    static std::pair<int, int> refs(const TQvBlkRec* h) { return {h->inRef, h->share->shrRef}; }
+    // No block handle left in this process's table.
+    static bool table_empty() {
+        for (uint32_t i = 0; i < qvfs::bf::kBlkTableSize; ++i)
+            if (qvfs::bf::table_entry(i) != nullptr) return false;
+        return true;
     }
 
     static uint64_t block_addr(uint32_t block) {
@@ -77,26 +98,6 @@ protected:
         auto v = read_dev(disk, block_addr(block) + uint64_t(slice) * 512, sizeof e);
         std::memcpy(&e, v.data(), sizeof e);
         return e;
-    }
-
-    static bool all_zero(const void* p, size_t n) {
-        const auto* b = static_cast<const uint8_t*>(p);
-        for (size_t i = 0; i < n; ++i)
-            if (b[i] != 0) return false;
-        return true;
-    }
-
-    // Arms a fault on a disk's device byte range.
-    static int fault(int disk, uint64_t begin, uint64_t end, unsigned ops, long shortBytes = -1,
-                     int remaining = -1) {
-        qvfs::plat::Fault f;
-        f.disk = disk;
-        f.begin = begin;
-        f.end = end;
-        f.ops = ops;
-        f.short_bytes = shortBytes;
-        f.remaining = remaining;
-        return qvfs::plat::fault_add(f);
     }
 };
 

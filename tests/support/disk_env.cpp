@@ -4,10 +4,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "common/fsc.h"
-#include "common/platform.h"
 
 namespace qvfs::test {
 
@@ -45,6 +45,15 @@ void DiskTest::write_dev(int disk, uint64_t off, const void* buf, size_t len) co
     EXPECT_GE(fd, 0);
     EXPECT_EQ(static_cast<ssize_t>(len), ::pwrite(fd, buf, len, static_cast<off_t>(off)));
     ::close(fd);
+}
+
+bool DiskTest::all_zero(const void* p, size_t n) {
+    const auto* b = static_cast<const uint8_t*>(p);
+    return std::all_of(b, b + n, [](uint8_t v) { return v == 0; });
+}
+
+bool DiskTest::dev_zero(int disk, uint64_t off, size_t len) const {
+    return all_zero(read_dev(disk, off, len).data(), len);
 }
 
 void DiskTest::write_block_head(int disk, uint32_t block, const TestBlockHead& h) const {
@@ -91,6 +100,33 @@ TQvfsOpenParam DiskTest::request(const std::string& path, uint32_t chn, int32_t 
     p.resSize = len;
     std::snprintf(p.path, sizeof p.path, "%s", path.c_str());
     return p;
+}
+
+int32_t DiskTest::alloc(int disk, uint32_t chn, int32_t code, int32_t len) {
+    const TQvfsOpenParam req = request(Sandbox::device_path(disk), chn, code, len);
+    TQvBlkId id{77, -7};
+    const int r = df_GetFileBlkId(&req, &id);
+    EXPECT_EQ(r == 0 ? uint32_t(disk) : 77u, id.disk) << "the disk number is set on success only";
+    return r == 0 ? id.block : -1;
+}
+
+int32_t DiskTest::new_block(int disk, uint32_t chn, int32_t code, TestBlockHead h) const {
+    const int32_t b = alloc(disk, chn, code, 0x7FFFFFFF);
+    EXPECT_GE(b, 0) << "errno " << errno;
+    h.chn = chn;
+    if (b >= 0) write_block_head(disk, static_cast<uint32_t>(b), h);
+    return b;
+}
+
+int DiskTest::fault(unsigned ops, uint64_t begin, uint64_t len, int disk, long shortBytes, int remaining) {
+    qvfs::plat::Fault f;
+    f.disk = disk;
+    f.begin = begin;
+    f.end = len > UINT64_MAX - begin ? UINT64_MAX : begin + len;
+    f.ops = ops;
+    f.short_bytes = shortBytes;
+    f.remaining = remaining;
+    return qvfs::plat::fault_add(f);
 }
 
 }  // namespace qvfs::test

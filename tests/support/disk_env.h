@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "common/platform.h"
 #include "disk/df.h"
 #include "support/sandbox.h"
 
@@ -60,11 +61,13 @@ protected:
     // mounts it. Returns the device path; fails the test on error.
     std::string ready_disk(int disk, uint32_t blocks);
 
-    TQvDiskShare& image(int disk) { return *g_astQvDisk[disk].share; }
+    TQvDiskShare& image(int disk) const { return *g_astQvDisk[disk].share; }
 
     // Raw bytes of a disk's image file.
     std::vector<uint8_t> read_dev(int disk, uint64_t off, size_t len) const;
     void write_dev(int disk, uint64_t off, const void* buf, size_t len) const;
+    bool dev_zero(int disk, uint64_t off, size_t len) const;
+    static bool all_zero(const void* p, size_t n);
 
     // Writes a block header at the start of a block.
     void write_block_head(int disk, uint32_t block, const TestBlockHead& h) const;
@@ -77,6 +80,15 @@ protected:
 
     // An allocation request for a channel, file data-type code and length.
     static TQvfsOpenParam request(const std::string& path, uint32_t chn, int32_t code = 0, int32_t len = 0);
+    // df_GetFileBlkId on a sandbox disk: the block, or -1 (errno set).
+    static int32_t alloc(int disk, uint32_t chn, int32_t code = 0, int32_t len = 0);
+    // Allocates a new block (a length no current block has room for) and
+    // writes `h`, with the channel set, as its header.
+    int32_t new_block(int disk, uint32_t chn, int32_t code, TestBlockHead h = {}) const;
+
+    // Arms a fault on [begin, begin + len) of a disk's device (-1: any disk).
+    static int fault(unsigned ops, uint64_t begin = 0, uint64_t len = UINT64_MAX, int disk = -1,
+                     long shortBytes = -1, int remaining = -1);
 };
 
 }  // namespace qvfs::test
