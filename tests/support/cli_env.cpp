@@ -2,14 +2,16 @@
 #include "support/cli_env.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
+#include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <sstream>
 
 extern char** environ;
@@ -21,6 +23,27 @@ std::string ToolRun::describe() const {
     s << "status " << status << "\n--- stdout ---\n" << out << "--- stderr ---\n" << err;
     return s.str();
 }
+
+namespace {
+
+// A file that is already unlinked, for one of the child's output streams.
+int scratch_file() {
+    const char* dir = std::getenv("TMPDIR");
+    std::string path = std::string(dir != nullptr ? dir : "/tmp") + "/qvfs-out-XXXXXX";
+    const int fd = mkostemp(path.data(), O_CLOEXEC);
+    if (fd >= 0) ::unlink(path.c_str());
+    return fd;
+}
+
+std::string contents(int fd) {
+    std::string out;
+    char buf[65536];
+    for (ssize_t n; (n = ::pread(fd, buf, sizeof buf, off_t(out.size()))) > 0;) out.append(buf, size_t(n));
+    ::close(fd);
+    return out;
+}
+
+}  // namespace
 
 ToolRun run_program(const std::string& program, const std::vector<std::string>& args,
                     const std::vector<std::string>& env, int timeoutMs) {
@@ -47,61 +70,50 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
     for (auto& e : envs) envp.push_back(e.data());
     envp.push_back(nullptr);
 
-    int outPipe[2], errPipe[2];
-    if (pipe2(outPipe, O_CLOEXEC) != 0 || pipe2(errPipe, O_CLOEXEC) != 0) {
-        r.err = std::string("pipe: ") + std::strerror(errno);
-        return r;
-    }
-    const pid_t pid = fork();
+    const int out = scratch_file(), err = scratch_file(), in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const pid_t pid = out < 0 || err < 0 || in < 0 ? -1 : fork();
     if (pid == 0) {
-        const int in = open("/dev/null", O_RDONLY);
         dup2(in, 0);
-        dup2(outPipe[1], 1);
-        dup2(errPipe[1], 2);
+        dup2(out, 1);
+        dup2(err, 2);
         execve(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }
-    close(outPipe[1]);
-    close(errPipe[1]);
-    if (pid < 0) {
-        close(outPipe[0]);
-        close(errPipe[0]);
-        r.err = std::string("fork: ") + std::strerror(errno);
-        return r;
-    }
-    timespec t0;
-    clock_gettime(CLOCK_MONOTONIC, &t0);
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    std::string* sinks[2] = {&r.out, &r.err};
-    int open = 2;
-    bool killed = false;
-    while (open > 0) {
-        timespec now;
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        const long elapsed = (now.tv_sec - t0.tv_sec) * 1000 + (now.tv_nsec - t0.tv_nsec) / 1000000;
-        if (elapsed >= timeoutMs && !killed) {
-            kill(pid, SIGKILL);
-            killed = true;
-        }
-        if (poll(fds, 2, 200) < 0 && errno != EINTR) break;
-        for (int i = 0; i < 2; ++i) {
-            if (fds[i].fd < 0 || fds[i].revents == 0) continue;
-            char buf[65536];
-            const ssize_t n = read(fds[i].fd, buf, sizeof buf);
-            if (n > 0) {
-                sinks[i]->append(buf, static_cast<size_t>(n));
-            } else if (n == 0 || errno != EINTR) {
-                close(fds[i].fd);
-                fds[i].fd = -1;
-                --open;
-            }
-        }
-    }
+    if (in >= 0) ::close(in);
+    // Waits in steps of 2 ms; a program still running after timeoutMs is killed.
     int ws = 0;
-    while (waitpid(pid, &ws, 0) < 0 && errno == EINTR) {
+    pid_t done = 0;
+    for (int waited = 0; pid > 0 && (done = waitpid(pid, &ws, WNOHANG)) != pid; waited += 2) {
+        if (done < 0 && errno != EINTR) break;
+        if (waited >= timeoutMs) kill(pid, SIGKILL);
+        usleep(2000);
     }
-    r.status = WIFEXITED(ws) ? WEXITSTATUS(ws) : -WTERMSIG(ws);
+    r.status = pid < 0 || done != pid ? -1 : WIFEXITED(ws) ? WEXITSTATUS(ws) : -WTERMSIG(ws);
+    r.out = out < 0 ? "" : contents(out);
+    r.err = err < 0 ? "" : contents(err);
+    if (pid < 0) r.err += std::string("cannot start ") + program + ": " + std::strerror(errno);
     return r;
+}
+
+::testing::AssertionResult fails_with(int status, const ToolRun& r, const std::string& err) {
+    const bool exact = err.rfind("qvfs: ", 0) == 0;
+    if (r.status == status && r.err.rfind("qvfs: ", 0) == 0 &&
+        r.err.find('\n') == r.err.size() - 1 && (exact ? r.err == err : r.err.find(err) != std::string::npos))
+        return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "want status " << status << " and one error line "
+                                         << (exact ? "equal to " : "containing ") << "\"" << err << "\"\n"
+                                         << r.describe();
+}
+
+std::string iso_time(int64_t t, int offset) {
+    const time_t tt = static_cast<time_t>(t + offset);
+    std::tm tm{};
+    gmtime_r(&tt, &tm);
+    char buf[32], zone[16];
+    std::strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &tm);
+    const int m = (offset < 0 ? -offset : offset) / 60 % 1440;
+    std::snprintf(zone, sizeof zone, "%c%02d:%02d", offset < 0 ? '-' : '+', m / 60, m % 60);
+    return std::string(buf) + zone;
 }
 
 ToolRun CliTest::qvfs(const std::vector<std::string>& args, const std::vector<std::string>& env) const {
@@ -138,6 +150,20 @@ std::string CliTest::record(uint32_t chn, int32_t fileType, int32_t start, const
     }
     EXPECT_EQ(0, qvfs_Close(h));
     return name;
+}
+
+std::vector<uint8_t> CliTest::read_image(int disk, uint64_t off, size_t n) const {
+    std::vector<uint8_t> out(n);
+    const int fd = ::open(sbx_.image_path(disk).c_str(), O_RDONLY);
+    EXPECT_EQ(static_cast<ssize_t>(n), ::pread(fd, out.data(), n, static_cast<off_t>(off))) << errno;
+    ::close(fd);
+    return out;
+}
+
+void CliTest::write_image(int disk, uint64_t off, const void* p, size_t n) const {
+    const int fd = ::open(sbx_.image_path(disk).c_str(), O_RDWR);
+    EXPECT_EQ(static_cast<ssize_t>(n), ::pwrite(fd, p, n, static_cast<off_t>(off))) << errno;
+    ::close(fd);
 }
 
 }  // namespace qvfs::test

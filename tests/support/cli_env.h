@@ -17,6 +17,10 @@
 #include <string>
 #include <vector>
 
+#if __has_include(<nlohmann/json.hpp>)
+#include <nlohmann/json.hpp>
+#endif
+
 #include "support/api_env.h"
 
 namespace qvfs::test {
@@ -36,6 +40,26 @@ struct ToolRun {
 ToolRun run_program(const std::string& program, const std::vector<std::string>& args,
                     const std::vector<std::string>& env = {}, int timeoutMs = 60000);
 
+// A failed run: exit code `status` and one line on standard error starting
+// with "qvfs: ". That line must equal `err` when `err` starts with "qvfs: ",
+// and contain it otherwise.
+::testing::AssertionResult fails_with(int status, const ToolRun& r, const std::string& err = "");
+
+// A time as the tool prints it in a zone `offset` seconds east of UTC:
+// "2024-03-01T10:00:00+00:00".
+std::string iso_time(int64_t t, int offset = 0);
+
+#if __has_include(<nlohmann/json.hpp>)
+// The JSON output of a successful run; fails the test on a non-zero status
+// or output that is not JSON.
+inline nlohmann::json json_of(const ToolRun& r) {
+    EXPECT_EQ(0, r.status) << r.describe();
+    nlohmann::json j = nlohmann::json::parse(r.out, nullptr, false);
+    EXPECT_FALSE(j.is_discarded()) << r.describe();
+    return j;
+}
+#endif
+
 class CliTest : public ApiTest {
 protected:
     // The tool's path, and the command that runs programs of the target
@@ -53,6 +77,10 @@ protected:
     // Returns its name; fails the test when it cannot.
     std::string record(uint32_t chn, int32_t fileType, int32_t start, const std::vector<uint8_t>& bytes,
                        int32_t recType = 0, int32_t resSize = 0);
+
+    // Raw bytes of a disk's image, behind the library's back.
+    std::vector<uint8_t> read_image(int disk, uint64_t off, size_t n) const;
+    void write_image(int disk, uint64_t off, const void* p, size_t n) const;
 
     std::string tool_;
     std::string runner_;
