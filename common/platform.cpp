@@ -80,6 +80,20 @@ void remember_disk(int fd, int disk) {
     }
 }
 
+// What kind of file each descriptor opened by open_device is, learnt once at
+// open so that the presence test on every write needs no fstat.
+enum FdKind : uint8_t { kKindUnknown = 0, kKindBlockDevice = 1, kKindOther = 2 };
+std::array<std::atomic<uint8_t>, kFdSlots> g_fdKind{};
+
+void remember_kind(int fd, FdKind kind) {
+    if (fd >= 0 && fd < kFdSlots) g_fdKind[fd].store(kind, std::memory_order_relaxed);
+}
+
+FdKind kind_of_fd(int fd) {
+    if (fd < 0 || fd >= kFdSlots) return kKindUnknown;
+    return static_cast<FdKind>(g_fdKind[fd].load(std::memory_order_relaxed));
+}
+
 int disk_of_fd(int fd) {
     if (fd < 0 || fd >= kFdSlots) return -1;
     return g_fdDisk[fd].load(std::memory_order_relaxed) - 1;
@@ -219,12 +233,19 @@ int open_device(const char* sysPath, int flags) {
     do {
         fd = ::open(path, flags | O_LARGEFILE, 0666);
     } while (fd < 0 && errno == EINTR);
-    if (fd >= 0) remember_disk(fd, disk_of_path(sysPath));
+    if (fd >= 0) {
+        remember_disk(fd, disk_of_path(sysPath));
+        struct stat st;
+        const int saved = errno;
+        if (::fstat(fd, &st) == 0) remember_kind(fd, S_ISBLK(st.st_mode) ? kKindBlockDevice : kKindOther);
+        errno = saved;
+    }
     return fd;
 }
 
 int close_fd(int fd) {
     remember_disk(fd, -1);
+    remember_kind(fd, kKindUnknown);
     return ::close(fd);
 }
 
@@ -323,10 +344,14 @@ int64_t device_size(const char* sysPath) {
 
 bool device_present(int fd) {
     if (armed() && judge(fd, kFaultOffline, 0).hit) return false;
-    struct stat st;
-    if (::fstat(fd, &st) != 0) return false;
+    FdKind kind = kind_of_fd(fd);
+    if (kind == kKindUnknown) {
+        struct stat st;
+        if (::fstat(fd, &st) != 0) return false;
+        kind = S_ISBLK(st.st_mode) ? kKindBlockDevice : kKindOther;
+    }
     // Image files, character devices and the like have no presence request.
-    if (!S_ISBLK(st.st_mode)) return true;
+    if (kind == kKindOther) return true;
     int32_t state = 0;
     if (::ioctl(fd, kPresenceRequest, &state) == 0) return state == 1;
     return errno == ENOTTY || errno == EINVAL;
