@@ -5,6 +5,8 @@
 // caller holds it; the disk's lock is always the innermost lock.
 #pragma once
 
+#include <cerrno>
+
 #include "disk/df_format.h"
 #include "fsc.h"
 
@@ -86,6 +88,17 @@ inline constexpr uint64_t owner_key(uint32_t disk) {
 
 // The process's record of a disk index (the caller checked index <= 24).
 inline TQvDiskRec& rec(uint32_t disk) { return g_astQvDisk[disk]; }
+
+// The process's record of the disk a device path names, or null with errno
+// 1001 for a null path or a path that names no disk from 0 to 24.
+inline TQvDiskRec* rec_of_path(const char* path) {
+    const uint32_t index = path == nullptr ? UINT32_MAX : static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
+    if (index >= QVFS_MAX_DISKS) {
+        errno = QVFS_ERR_BADARG;
+        return nullptr;
+    }
+    return &rec(index);
+}
 
 // A disk is ready in this process when the image is attached, some process
 // has it mounted and it is not marked unmounted. Caller holds the disk lock.

@@ -191,18 +191,11 @@ int _df_GetBlockNumOfDataType(TQvDiskRec* disk) {
 }
 
 int df_DiskMount(const char* path) {
-    if (path == nullptr) {
-        errno = QVFS_ERR_BADARG;
-        return -1;
-    }
-    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
-    if (index >= QVFS_MAX_DISKS) {
-        errno = QVFS_ERR_BADARG;
-        return -1;
-    }
-    TQvDiskRec& d = rec(index);
+    TQvDiskRec* disk = rec_of_path(path);
+    if (disk == nullptr) return -1;
+    TQvDiskRec& d = *disk;
     qvfs::ProcLockGuard lock(d.lock);  // the disk's image and this record
-    if (d.index < 0) d.index = static_cast<int32_t>(index);
+    if (d.index < 0) d.index = static_cast<int32_t>(disk - g_astQvDisk);
     bool openedHere = false;
     if (d.fd < 0) {
         d.fd = qvfs::plat::open_device(path, O_RDWR | O_LARGEFILE);
@@ -228,16 +221,9 @@ int df_DiskMount(const char* path) {
 }
 
 int df_DiskUnmout(const char* path, uint32_t mode) {
-    if (path == nullptr) {
-        errno = QVFS_ERR_BADARG;
-        return -1;
-    }
-    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
-    if (index >= QVFS_MAX_DISKS) {
-        errno = QVFS_ERR_BADARG;
-        return -1;
-    }
-    TQvDiskRec& d = rec(index);
+    TQvDiskRec* disk = rec_of_path(path);
+    if (disk == nullptr) return -1;
+    TQvDiskRec& d = *disk;
     qvfs::ProcLockGuard lock(d.lock);
     if (d.share != nullptr && d.fd >= 0) {
         qvfs::plat::close_fd(d.fd);
@@ -256,16 +242,12 @@ int df_DiskUnmout(const char* path, uint32_t mode) {
 }
 
 int df_DiskStatfs(const char* path, TQvStatfs* out) {
-    if (path == nullptr || out == nullptr) {
+    TQvDiskRec* disk = out == nullptr ? nullptr : rec_of_path(path);
+    if (disk == nullptr) {
         errno = QVFS_ERR_BADARG;
         return -1;
     }
-    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
-    if (index >= QVFS_MAX_DISKS) {
-        errno = QVFS_ERR_BADARG;
-        return -1;
-    }
-    TQvDiskRec& d = rec(index);
+    TQvDiskRec& d = *disk;
     qvfs::ProcLockGuard lock(d.lock);
     if (!is_ready(d)) return -1;
     const TQvDiskShare& s = *d.share;
@@ -297,16 +279,12 @@ int df_IsDiskReady(uint32_t disk) {
 }
 
 uint32_t df_GetDiskVersion(const char* path) {
-    if (path == nullptr) {
+    TQvDiskRec* disk = rec_of_path(path);
+    if (disk == nullptr || disk->share == nullptr) {
         errno = QVFS_ERR_BADARG;
         return 1;
     }
-    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
-    if (index >= QVFS_MAX_DISKS || rec(index).share == nullptr) {
-        errno = QVFS_ERR_BADARG;
-        return 1;
-    }
-    TQvDiskRec& d = rec(index);
+    TQvDiskRec& d = *disk;
     qvfs::ProcLockGuard lock(d.lock);
     return d.share->head.ver;
 }

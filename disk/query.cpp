@@ -27,16 +27,12 @@ int32_t elapsed_us(const timeval& a, const timeval& b) {
 extern "C" {
 
 uint32_t df_GetDiskUsedBlockNum(const char* path) {
-    if (path == nullptr) {
+    TQvDiskRec* disk = rec_of_path(path);
+    if (disk == nullptr || disk->share == nullptr) {
         errno = QVFS_ERR_BADARG;
         return 0;
     }
-    const uint32_t index = static_cast<uint32_t>(fsc_GetDiskNumByPath(path));
-    if (index >= QVFS_MAX_DISKS || rec(index).share == nullptr) {
-        errno = QVFS_ERR_BADARG;
-        return 0;
-    }
-    TQvDiskRec& d = rec(index);
+    TQvDiskRec& d = *disk;
     qvfs::ProcLockGuard lock(d.lock);
     return is_ready(d) ? d.share->head.tolblk : 0;
 }
