@@ -257,32 +257,33 @@ int64_t seek(int fd, uint64_t offset) {
     return ::lseek(fd, static_cast<off_t>(offset), SEEK_SET);
 }
 
+namespace {
+
+// A transfer an armed fault hit: fails with the fault's errno, or moves only
+// v.move bytes through `partial` (which gets that count).
+template <class Partial>
+ssize_t faulted(const Verdict& v, Partial partial) {
+    if (v.error != 0) {
+        errno = v.error;
+        return -1;
+    }
+    return v.move == 0 ? 0 : partial(v.move);
+}
+
+}  // namespace
+
 ssize_t read(int fd, void* buf, std::size_t len) {
     if (armed()) {
-        Verdict v = judge(fd, kFaultRead, len);
-        if (v.hit) {
-            if (v.error != 0) {
-                errno = v.error;
-                return -1;
-            }
-            if (v.move == 0) return 0;
-            return raw_read(fd, buf, v.move);
-        }
+        const Verdict v = judge(fd, kFaultRead, len);
+        if (v.hit) return faulted(v, [&](std::size_t n) { return raw_read(fd, buf, n); });
     }
     return raw_read(fd, buf, len);
 }
 
 ssize_t write(int fd, const void* buf, std::size_t len) {
     if (armed()) {
-        Verdict v = judge(fd, kFaultWrite, len);
-        if (v.hit) {
-            if (v.error != 0) {
-                errno = v.error;
-                return -1;
-            }
-            if (v.move == 0) return 0;
-            return raw_write(fd, buf, v.move);
-        }
+        const Verdict v = judge(fd, kFaultWrite, len);
+        if (v.hit) return faulted(v, [&](std::size_t n) { return raw_write(fd, buf, n); });
     }
     return raw_write(fd, buf, len);
 }
@@ -291,24 +292,20 @@ ssize_t writev(int fd, const struct iovec* iov, int count) {
     if (armed() && iov != nullptr && count > 0) {
         std::size_t total = 0;
         for (int i = 0; i < count; ++i) total += iov[i].iov_len;
-        Verdict v = judge(fd, kFaultWritev, total);
+        const Verdict v = judge(fd, kFaultWritev, total);
         if (v.hit) {
-            if (v.error != 0) {
-                errno = v.error;
-                return -1;
-            }
-            if (v.move == 0) return 0;
-            // The first v.move bytes of the vector, in a trimmed copy
-            // (test path only, so the allocation does not matter).
-            std::vector<struct iovec> part;
-            std::size_t left = v.move;
-            for (int i = 0; i < count && left > 0; ++i) {
-                struct iovec piece = iov[i];
-                if (piece.iov_len > left) piece.iov_len = left;
-                left -= piece.iov_len;
-                part.push_back(piece);
-            }
-            return raw_writev(fd, part.data(), static_cast<int>(part.size()));
+            return faulted(v, [&](std::size_t left) {
+                // The first bytes of the vector, in a trimmed copy (test
+                // path only, so the allocation does not matter).
+                std::vector<struct iovec> part;
+                for (int i = 0; i < count && left > 0; ++i) {
+                    struct iovec piece = iov[i];
+                    if (piece.iov_len > left) piece.iov_len = left;
+                    left -= piece.iov_len;
+                    part.push_back(piece);
+                }
+                return raw_writev(fd, part.data(), static_cast<int>(part.size()));
+            });
         }
     }
     return raw_writev(fd, iov, count);

@@ -109,6 +109,37 @@ int df_SetOnlineCheck(uint32_t on) {
     return 0;
 }
 
+namespace {
+
+// Writes one piece of the image to its first and then its second place on
+// the device. 0 when either place took it (the first place's online test
+// having passed); *firstFailed says whether the first one did not. -1 when
+// the device was offline at the first test or neither write succeeded.
+int put_twice(TQvDiskRec* disk, uint64_t first, uint64_t second, const void* data, uint32_t len,
+              uint32_t* firstFailed) {
+    if (disk->fd < 0) {
+        errno = QVFS_ERR_BADHANDLE;
+        return -1;
+    }
+    int result;
+    switch (put_piece(disk->fd, first, data, len)) {
+        case Put::kOffline:
+            return -1;
+        case Put::kOk:
+            result = 0;
+            if (firstFailed) *firstFailed = 0;
+            break;
+        default:
+            result = -1;
+            if (firstFailed) *firstFailed = 1;
+            break;
+    }
+    if (put_piece(disk->fd, second, data, len) == Put::kOk) return 0;
+    return result;
+}
+
+}  // namespace
+
 // Writes the image's header to the primary place, then to the backup place.
 // 0 when either copy was written (the primary one's online test passed);
 // *primaryFailed tells which. -1 when the device was offline at the first
@@ -118,25 +149,7 @@ int _df_WriteDiskHead(TQvDiskRec* disk, uint32_t* primaryFailed) {
         errno = QVFS_ERR_BADARG;
         return -1;
     }
-    if (disk->fd < 0) {
-        errno = QVFS_ERR_BADHANDLE;
-        return -1;
-    }
-    int result;
-    switch (put_piece(disk->fd, kHeadPrimary, &disk->share->head, kHeadSize)) {
-        case Put::kOffline:
-            return -1;
-        case Put::kOk:
-            result = 0;
-            if (primaryFailed) *primaryFailed = 0;
-            break;
-        default:
-            result = -1;
-            if (primaryFailed) *primaryFailed = 1;
-            break;
-    }
-    if (put_piece(disk->fd, kHeadBackup, &disk->share->head, kHeadSize) == Put::kOk) return 0;
-    return result;
+    return put_twice(disk, kHeadPrimary, kHeadBackup, &disk->share->head, kHeadSize, primaryFailed);
 }
 
 // Writes the status map to the first and then the second location of meta
@@ -146,25 +159,7 @@ int _df_WriteStatusMap(TQvDiskRec* disk, uint32_t region, uint32_t* mapIndexOut)
         errno = QVFS_ERR_BADARG;
         return -1;
     }
-    if (disk->fd < 0) {
-        errno = QVFS_ERR_BADHANDLE;
-        return -1;
-    }
-    int result;
-    switch (put_piece(disk->fd, map_first(region), disk->share->map, kMapSize)) {
-        case Put::kOffline:
-            return -1;
-        case Put::kOk:
-            result = 0;
-            if (mapIndexOut) *mapIndexOut = 0;
-            break;
-        default:
-            result = -1;
-            if (mapIndexOut) *mapIndexOut = 1;
-            break;
-    }
-    if (put_piece(disk->fd, map_second(region), disk->share->map, kMapSize) == Put::kOk) return 0;
-    return result;
+    return put_twice(disk, map_first(region), map_second(region), disk->share->map, kMapSize, mapIndexOut);
 }
 
 int _df_WriteTypeTables(TQvDiskRec* disk, uint32_t region, uint32_t type) {
