@@ -8,8 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "support/disk_env.h"
-#include "support/sandbox.h"
+#include "support/fixture.h"
 
 #ifndef QVFS_BUILD_DIR
 #error "tests/extra.cmake gives this test the build and source directories"

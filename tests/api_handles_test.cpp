@@ -14,8 +14,7 @@
 #include "api/handle_table.h"
 #include "disk/df.h"
 #include "file/tf.h"
-#include "support/api_env.h"
-#include "support/disk_env.h"
+#include "support/fixture.h"
 
 namespace {
 

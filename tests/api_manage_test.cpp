@@ -15,10 +15,9 @@
 
 #include "blockfile/bf.h"
 #include "disk/df.h"
-#include "support/api_env.h"
+#include "support/fixture.h"
 #include "support/child.h"
-#include "support/disk_env.h"
-#include "support/file_env.h"
+#include "support/compat.h"
 
 namespace {
 

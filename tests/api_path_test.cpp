@@ -13,10 +13,9 @@
 
 #include "blockfile/bf.h"
 #include "platform.h"
-#include "support/api_env.h"
+#include "support/fixture.h"
 #include "support/child.h"
-#include "support/disk_env.h"
-#include "support/file_env.h"
+#include "support/compat.h"
 
 namespace {
 

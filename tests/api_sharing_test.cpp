@@ -14,9 +14,9 @@
 #include <thread>
 #include <vector>
 
-#include "support/api_env.h"
+#include "support/fixture.h"
 #include "support/child.h"
-#include "support/file_env.h"
+#include "support/compat.h"
 
 namespace {
 

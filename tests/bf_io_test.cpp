@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/bf_env.h"
+#include "support/compat.h"
 
 namespace {
 
@@ -31,10 +31,10 @@ void* counting_alloc(uint32_t n) {
 // Every test runs with one file in block 0 of a two-block disk, and proves
 // on the way that transfers and syncs allocate nothing: every library
 // allocation goes through the replaceable allocator, counted here.
-class BlockIoTest : public BlockTest {
+class BlockIoTest : public BlockCompat {
 protected:
     void SetUp() override {
-        BlockTest::SetUp();
+        BlockCompat::SetUp();
         path_ = ready_disk(0, 2);
         f_ = create(request(path_, 3));
         ASSERT_EQ(kUnit, df_GetDiskUnitSize());
@@ -45,7 +45,7 @@ protected:
         EXPECT_EQ(0, g_allocs) << "allocations during the test";
         qvfs_InitAllocatorInterface();
         bf_CloseFile(f_.h);
-        BlockTest::TearDown();
+        BlockCompat::TearDown();
     }
     static std::vector<uint8_t> pattern(size_t n, uint8_t seed) {
         std::vector<uint8_t> v(n);

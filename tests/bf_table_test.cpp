@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "common/proc_lock.h"
-#include "support/bf_env.h"
+#include "support/compat.h"
 #include "support/child.h"
 
 namespace {
@@ -23,7 +23,7 @@ using namespace qvfs::bf;
 using namespace qvfs::disk;
 using namespace qvfs::test;
 
-class BlockTableTest : public BlockTest {};
+class BlockTableTest : public BlockCompat {};
 
 bool fd_open(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
@@ -195,8 +195,12 @@ TEST_F(BlockTableTest, AProcessHoldsAtMost1024Blocks) {
 
 TEST_F(BlockTableTest, DamagedOrUnreadableHeadersAreNeverUsed) {
     ready_disk(0, 4);
-    write_block_head(0, 1, {.len = 0x1000001});
-    write_block_head(0, 2, {.slice = 4096});
+    TQvBlkInfo bad{};
+    bad.Len = 0x1000001;
+    put_head(0, 1, bad);
+    bad.Len = 0x200000;
+    bad.slice = 4096;
+    put_head(0, 2, bad);
     for (int32_t b : {1, 2}) {
         const TQvBlkId id{0, b};
         errno = 4242;
@@ -244,7 +248,9 @@ TEST_F(BlockTableTest, ALoadKeepsTheSharedCopyOfABlockOthersHold) {
     bf_CloseFile(f.h);
 
     // Nobody holds the block any more: the next load reads the disk.
-    write_block_head(0, 0, {.cnt = 77, .slice = 3});
+    TQvBlkInfo fresh{};
+    fresh.Len = 0x200000, fresh.next = 0x200000, fresh.cnt = 77, fresh.slice = 3;
+    put_head(0, 0, fresh);
     const TQvBlkId id{0, 0};
     TQvBlkRec* h = _bf_GetBlock(&id);
     ASSERT_NE(nullptr, h);

@@ -10,7 +10,7 @@
 #include <tuple>
 #include <vector>
 
-#include "support/bf_env.h"
+#include "support/compat.h"
 #include "support/child.h"
 
 namespace {
@@ -19,7 +19,7 @@ using namespace qvfs::bf;
 using namespace qvfs::disk;
 using namespace qvfs::test;
 
-class BlockUnlinkTest : public BlockTest {
+class BlockUnlinkTest : public BlockCompat {
 protected:
     // Stores a changed entry through the layer, as the file layer does.
     static void store(Created& f) { ASSERT_EQ(0, bf_Sync(&f.slice, f.h)); }

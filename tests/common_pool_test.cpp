@@ -2,6 +2,7 @@
 // file, block-file and disk records, across threads and real processes.
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
+#include <sys/sem.h>
 #include <sys/shm.h>
 
 #include <algorithm>
@@ -299,3 +300,26 @@ TEST_F(PoolTest, DiskRecordsAreRegisteredOncePerDiskAndListed) {
 }
 
 }  // namespace
+
+// The suite's own hygiene: a sandbox removes every semaphore and segment
+// made under its keys, by this process or by a child, and its tree.
+TEST(SandboxTeardown, RemovesEveryObjectUnderItsKeys) {
+    std::string root;
+    std::vector<int> sems, shms;
+    {
+        qvfs::test::Sandbox s;
+        root = s.root();
+        sems = {s.share_key(0), s.share_key(2072) + 0x10000, s.layer_key(100)};
+        shms = {s.layer_key(65), s.share_key(2048)};
+        for (int k : shms) ASSERT_GE(shmget(k, 4096, IPC_CREAT | 0666), 0);
+        Child c = Child::spawn([&](ChildLink& link) {
+            for (int k : sems) CHILD_CHECK(link, semget(k, 1, IPC_CREAT | 0666) >= 0);
+            return 0;
+        });
+        EXPECT_CHILD_OK(c);
+        EXPECT_EQ(5, s.ipc_objects());
+    }
+    for (int k : sems) EXPECT_LT(semget(k, 0, 0), 0) << std::hex << k;
+    for (int k : shms) EXPECT_LT(shmget(k, 0, 0), 0) << std::hex << k;
+    EXPECT_FALSE(std::filesystem::exists(root));
+}

@@ -28,9 +28,8 @@
 
 #include "disk/df.h"
 #include "proc_lock.h"
-#include "support/api_env.h"
+#include "support/fixture.h"
 #include "support/child.h"
-#include "support/disk_env.h"
 
 namespace {
 

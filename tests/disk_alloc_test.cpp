@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "support/child.h"
-#include "support/disk_env.h"
+#include "support/fixture.h"
 
 namespace {
 
@@ -40,12 +40,12 @@ TEST_F(AllocTest, HandsOutLowestFreeBlocksUntilTheDiskIsFull) {
               std::make_tuple(s.map[0], s.map[1], s.current[0][2], s.current[3][9], s.count[3][9]));
     EXPECT_EQ(std::make_pair(1u, 0u), std::make_pair(df_IsBlockAllocated(0, 1), df_IsBlockAllocated(0, 2)));
 
-    write_block_head(0, 0, {});
+    put_head(0, 0, {});
     ASSERT_EQ(0, df_TagBadBlock(0, 0));
     EXPECT_EQ(std::make_pair(0, 1u), std::make_pair(s.current[0][2], df_IsBlockAllocated(0, 0))) << "tables kept";
     EXPECT_EQ(2, alloc(0, 2));
     EXPECT_EQ(QV_BLK_BAD, s.map[0]);
-    write_block_head(0, 2, {});
+    put_head(0, 2, {});
     image(0).map[2] = QV_BLK_FREE;  // freed behind the table's back
     EXPECT_EQ(2, alloc(0, 2)) << "taken anew as the lowest free block";
     for (int32_t want = 3; want < 9; ++want) EXPECT_EQ(want, alloc(0, 100 + want));
@@ -71,7 +71,9 @@ TEST_F(AllocTest, ReusesTheCurrentBlockWhileItHasRoom) {
     int32_t current = 0;
     for (const auto& s : steps) {
         SCOPED_TRACE(s.want);
-        write_block_head(0, static_cast<uint32_t>(current), TestBlockHead{.next = s.next, .slice = s.slice});
+        TQvBlkInfo h{};
+        h.next = s.next, h.slice = s.slice;
+        put_head(0, static_cast<uint32_t>(current), h);
         const long hits = fault_hits();
         if (s.want == current) fault(kFaultWrite);
         EXPECT_EQ(s.want, current = alloc(0, 1, s.code, s.len));
@@ -143,11 +145,12 @@ TEST_F(AllocTest, MetadataWriteFailures) {
 
 TEST_F(AllocTest, RejectsBadArguments) {
     TQvBlkId id{5, 5};
-    TQvfsOpenParam req = request("/dev/sdb1", 0);
+    TQvfsOpenParam req = param(0);
+    std::snprintf(req.path, sizeof req.path, "/dev/sdb1");
     EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetFileBlkId(nullptr, &id));
     EXPECT_ERR(-1, QVFS_ERR_DISKNUM, df_GetFileBlkId(&req, &id));
     EXPECT_EQ(5, id.block) << "untouched when the path names no disk";
-    req = request(Sandbox::device_path(4), 0);  // a disk without an image
+    req = param(0, 0, 0, 5, 4);  // a disk without an image
     EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetFileBlkId(&req, &id));
     EXPECT_EQ(-1, id.block);
     EXPECT_ERR(-1, QVFS_ERR_CHANNEL, alloc(0, 1024));

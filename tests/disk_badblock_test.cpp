@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <vector>
 
-#include "support/disk_env.h"
+#include "support/fixture.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <tuple>
 
-#include "support/disk_env.h"
+#include "support/fixture.h"
 
 namespace {
 

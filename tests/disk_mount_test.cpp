@@ -11,7 +11,7 @@
 
 #include "common/proc_lock.h"
 #include "support/child.h"
-#include "support/disk_env.h"
+#include "support/fixture.h"
 
 namespace {
 
@@ -110,7 +110,11 @@ TEST_F(MountTest, SecondProcessReadsOnlyTheHeader) {
 TEST_F(MountTest, UpgradesAVersionOneDisk) {
     const std::string p = ready_disk(0, 4);
     const struct { uint32_t chn; int32_t code; uint32_t type; } uses[] = {{3, 0, 0}, {3, 5, 3}, {700, 0, 0}, {3, 0, 0}};
-    for (auto [chn, code, type] : uses) new_block(0, chn, code, {.dataType = type});
+    for (auto [chn, code, type] : uses) {
+        TQvBlkInfo h{};
+        h.dataType = type;
+        new_block(0, chn, code, h);
+    }
     ASSERT_EQ(0, df_TagBadBlock(0, 3));  // a bad block is not counted
     ASSERT_EQ(0, df_DiskUnmout(p.c_str(), 1));
     patch_head(0, 8, 1);
@@ -162,7 +166,7 @@ TEST_F(MountTest, StatfsCountsFreeAndBadBlocks) {
 // Marks of 1 stay 1 and wait for the twentieth pass; a larger mark flushes
 // in the next pass. A disk that is ready while this process has closed its
 // descriptor is passed over.
-TEST_F(MountTest, FlushThreadTurnsMarksIntoFlushes) {
+TEST_F(MountTest, SlowFlushThreadTurnsMarksIntoFlushes) {
     const std::string p0 = ready_disk(0, 1);
     const std::string p1 = ready_disk(1, 1);
     Child holder = Child::spawn([&](ChildLink& link) {

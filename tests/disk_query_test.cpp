@@ -9,7 +9,7 @@
 #include <tuple>
 #include <vector>
 
-#include "support/disk_env.h"
+#include "support/fixture.h"
 
 namespace {
 
@@ -24,7 +24,9 @@ protected:
     }
     // A new block for a channel whose header carries recognisable values.
     int32_t block_with_head(uint32_t chn, int32_t code, uint32_t type, uint64_t start) {
-        return new_block(0, chn, code, {.startTime = start, .endTime = start + 60, .dataType = type, .cnt = chn + 1});
+        TQvBlkInfo h{};
+        h.startTime = start, h.endTime = start + 60, h.dataType = type, h.cnt = chn + 1;
+        return new_block(0, chn, code, h);
     }
     std::string path_;
 };

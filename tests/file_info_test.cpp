@@ -9,8 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "support/disk_env.h"
-#include "support/file_env.h"
+#include "support/compat.h"
 
 namespace {
 
@@ -165,7 +164,7 @@ TEST(FileInfoConvertTest, ItemsTooShortAreRefused) {
     EXPECT_EQ(0u, s.videoAbstract);
 }
 
-class FileStatusTest : public qvfs::test::FileTest {};
+class FileStatusTest : public qvfs::test::FileCompat {};
 
 TEST_F(FileStatusTest, StatusRoundTripThroughTheBlock) {
     auto f = create(0, 0, 3, 5);

@@ -11,8 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "support/disk_env.h"
-#include "support/file_env.h"
+#include "support/compat.h"
 
 namespace {
 
@@ -89,7 +88,7 @@ TEST(FileNoDiskTest, BlockSizeZeroRefusesGrowthAndPointers) {
     EXPECT_EQ(0u, rec.slice.preStart);
 }
 
-class FileIoTest : public qvfs::test::FileTest {
+class FileIoTest : public qvfs::test::FileCompat {
 protected:
     static std::string pattern(size_t n, unsigned seed) {
         std::string s(n, '\0');

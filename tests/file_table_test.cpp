@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "support/child.h"
-#include "support/disk_env.h"
-#include "support/file_env.h"
+#include "support/compat.h"
 
 namespace {
 
@@ -20,7 +19,7 @@ using qvfs::file::table_entry;
 using qvfs::test::Child;
 using qvfs::test::ChildLink;
 
-class FileTableTest : public qvfs::test::FileTest {
+class FileTableTest : public qvfs::test::FileCompat {
 protected:
     static int used_share_slots() {
         int n = 0;

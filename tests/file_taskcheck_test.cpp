@@ -17,8 +17,7 @@
 
 #include "common/platform.h"
 #include "support/child.h"
-#include "support/disk_env.h"
-#include "support/file_env.h"
+#include "support/compat.h"
 
 namespace {
 
@@ -28,11 +27,11 @@ using qvfs::file::task_poll;
 using qvfs::test::Child;
 using qvfs::test::ChildLink;
 
-class TaskCheckTest : public qvfs::test::FileTest {
+class TaskCheckTest : public qvfs::test::FileCompat {
 protected:
     void TearDown() override {
         qvfs::plat::set_task_source(nullptr, nullptr);
-        FileTest::TearDown();
+        FileCompat::TearDown();
     }
     // The share index of the live pool record whose stored name is `name`, or -1.
     static int find_record(const std::string& name) {
@@ -62,7 +61,7 @@ protected:
     }
     // Two files on disk, closed: children start with an empty file table.
     void SetUp() override {
-        FileTest::SetUp();
+        FileCompat::SetUp();
         for (std::string* n : {&a_, &b_}) {
             auto f = create();
             ASSERT_NE(nullptr, f.h);
@@ -222,7 +221,7 @@ TEST_F(TaskCheckTest, DeviceListDifferenceReleasesOnlyWhoLeftTheList) {
     EXPECT_FALSE(share_slot_used(index));
 }
 
-TEST_F(TaskCheckTest, TheThreadReclaimsWithinOnePoll) {
+TEST_F(TaskCheckTest, SlowThreadReclaimsWithinOnePoll) {
     Child c = holder(a_);
     const int ia = find_record(a_);
     ASSERT_GE(ia, 0);
