@@ -146,92 +146,6 @@ TEST_F(ApiHandles, InvalidHandlesAndArgumentsTouchNothing) {
     EXPECT_EQ("0123456789", std::string(back.begin(), back.end()));
 }
 
-TEST_F(ApiHandles, AccessBitsGuardReadWriteAndSync) {
-    const std::string name = new_file(1, 5, 4);
-    const int ro = open_name(name, QVFS_O_RDONLY);
-    const int wo = open_name(name, QVFS_O_WRONLY);
-    const int both = open_name(name, 3);  // bit 1 wins: read-write
-    ASSERT_TRUE(ro >= 0 && wo >= 0 && both >= 0);
-    char buf[4];
-    EXPECT_ERR(-1, 0, qvfs_Write(ro, "x", 1));
-    EXPECT_ERR(-1, 0, qvfs_fsync(ro));
-    EXPECT_ERR(-1, 0, qvfs_Read(wo, buf, 4));
-    EXPECT_EQ(0, qvfs_Tell(ro)) << "a refused call moves nothing";
-    EXPECT_EQ(0, qvfs_Tell(wo));
-
-    EXPECT_EQ(4, qvfs_Read(ro, buf, 4));
-    EXPECT_EQ(pattern(1, 0, 4), std::vector<uint8_t>(buf, buf + 4));
-    EXPECT_EQ(2, qvfs_Write(wo, "XY", 2));
-    EXPECT_EQ(0, qvfs_fsync(wo));
-    EXPECT_EQ(4, qvfs_Read(both, buf, 4));
-    EXPECT_EQ(0, std::memcmp(buf, "XY", 2)) << "handles share the file, not the position";
-    EXPECT_EQ(1, qvfs_Write(both, "Z", 1));
-    EXPECT_EQ(0, qvfs_fsync(both));
-    for (int h : {ro, wo, both}) EXPECT_EQ(0, qvfs_Close(h));
-    EXPECT_EQ(5, stat_of(name).st.st_size);
-}
-
-TEST_F(ApiHandles, ReadWriteAndWritevMoveThePosition) {
-    std::string name;
-    const int h = create(&name);
-    ASSERT_GE(h, 0);
-    const auto a = pattern(1, 0, 105000);
-    ASSERT_EQ(100000, qvfs_Write(h, a.data(), 100000));
-    EXPECT_EQ(100000, qvfs_Tell(h));
-    // A gathered write of three pieces, one of them empty.
-    auto* b = const_cast<uint8_t*>(a.data()) + 100000;
-    iovec iov[3] = {{b, 3000}, {nullptr, 0}, {b + 3000, 2000}};
-    EXPECT_EQ(5000, qvfs_Writev(h, iov, 3));
-    EXPECT_EQ(105000, qvfs_Tell(h));
-
-    // Read back across both writes through the same handle; a read that
-    // runs past the end returns what is there; at the end, -1 and the
-    // position stays.
-    EXPECT_EQ(99000, qvfs_Seek(h, 99000, 0));
-    std::vector<uint8_t> back(4000);
-    EXPECT_EQ(4000, qvfs_Read(h, back.data(), 4000));
-    EXPECT_EQ(pattern(1, 99000, 4000), back);
-    EXPECT_EQ(2000, qvfs_Read(h, back.data(), 4000));
-    EXPECT_EQ(-1, qvfs_Read(h, back.data(), 4000));
-    EXPECT_EQ(105000, qvfs_Tell(h));
-    // Writing inside the data does not grow the file.
-    EXPECT_EQ(10, qvfs_Seek(h, 10, 0));
-    EXPECT_EQ(3, qvfs_Write(h, a.data() + 10, 3));
-    EXPECT_EQ(0, qvfs_Close(h));
-    EXPECT_EQ(a, read_all(name));
-}
-
-TEST_F(ApiHandles, SeekAndEofRules) {
-    std::string name;
-    const int h = create(&name);
-    ASSERT_GE(h, 0);
-    const auto data = pattern(2, 0, 1000);
-    ASSERT_EQ(1000, qvfs_Write(h, data.data(), 1000));
-    const int64_t unit = int64_t(df_GetDiskUnitSize());
-    ASSERT_EQ(int64_t(1) << 30, unit);
-    // {offset, whence, result}: out of range gives 0 and position 0; an
-    // unknown whence counts from the start.
-    const int64_t steps[][3] = {
-        {0, 2, 1000},    {-10, 2, 990}, {5, 1, 995},       {-10, 1, 985}, {7, 0, 7},
-        {8, 42, 8},      {-1, 0, 0},    {500, 0, 500},     {-501, 1, 0},  {unit, 0, unit},
-        {unit + 1, 0, 0}, {INT64_MAX, 2, 0}, {INT64_MIN, 0, 0},
-    };
-    errno = 0;
-    for (const auto& s : steps) {
-        EXPECT_EQ(s[2], qvfs_Seek(h, s[0], int(s[1]))) << s[0] << " from " << s[1];
-        EXPECT_EQ(s[2], qvfs_Tell(h)) << s[0] << " from " << s[1];
-    }
-    EXPECT_EQ(0, errno);
-    // End of file at and beyond the size (unsigned comparison).
-    for (auto [pos, eof] : {std::pair{0, 0}, {999, 0}, {1000, 1}, {5000, 1}}) {
-        qvfs_Seek(h, pos, 0);
-        EXPECT_EQ(eof, qvfs_Eof(h)) << pos;
-    }
-    // After a seek beyond the end a write leaves a gap.
-    EXPECT_EQ(4, qvfs_Write(h, "tail", 4));
-    EXPECT_EQ(5004, qvfs_Seek(h, 0, 2));
-}
-
 TEST_F(ApiHandles, TheTableHoldsExactly1024HandlesAndDeInitClosesThem) {
     std::string name;
     std::vector<int> handles{create(&name)};
@@ -258,27 +172,6 @@ TEST_F(ApiHandles, TheTableHoldsExactly1024HandlesAndDeInitClosesThem) {
     EXPECT_EQ(1025 << 16, again);
     EXPECT_EQ(0, qvfs_Close(again));
     EXPECT_EQ(0, qvfs_Unlink(name.c_str()));
-}
-
-TEST_F(ApiHandles, PreRecordCallsPassTheirValuesThrough) {
-    std::string name;
-    const int h = create(&name, 3, 1, 0x40000);  // file type 1: a reserved area
-    ASSERT_GE(h, 0);
-    const auto ring = pattern(3, 0, 0x40000);
-    ASSERT_EQ(0x40000, qvfs_Write(h, ring.data(), 0x40000));
-    ASSERT_EQ(0, qvfs_UpdataePreRecPtr(h, 0x30000, 0x10000));  // wrapped: 0x20000 bytes kept
-    EXPECT_EQ(0x20000, qvfs_Seek(h, 0, 2));
-    ASSERT_EQ(5, qvfs_Write(h, "after", 5));
-    EXPECT_EQ(0, qvfs_ftruncate(h, 0x20000 + 2));
-    EXPECT_EQ(-1, qvfs_ftruncate(h, 0x20000 - 1));
-    // Pointers are widened with their sign.
-    EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, qvfs_UpdataePreRecPtr(h, -1, 0));
-    EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, qvfs_ftruncate(h, (int64_t(1) << 30) + 1));
-    EXPECT_EQ(0, qvfs_Close(h));
-    std::vector<uint8_t> kept(ring.begin() + 0x30000, ring.end());
-    kept.insert(kept.end(), ring.begin(), ring.begin() + 0x10000);
-    kept.insert(kept.end(), {'a', 'f'});
-    EXPECT_EQ(kept, read_all(name));
 }
 
 TEST_F(ApiHandles, DebugDumpListsHandlesThenTheLayers) {

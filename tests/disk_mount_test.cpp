@@ -140,29 +140,6 @@ TEST_F(MountTest, UpgradesAVersionOneDisk) {
     EXPECT_EQ(-1, g_astQvDisk[0].fd);
 }
 
-TEST_F(MountTest, StatfsCountsFreeAndBadBlocks) {
-    const std::string p = sbx_.add_disk(0, 2000398934016ull);
-    ASSERT_EQ(0, df_DiskFormat(p.c_str(), 0, 0));
-    ASSERT_EQ(0, df_DiskMount(p.c_str()));
-    for (uint32_t c = 0; c < 10; ++c) ASSERT_EQ(static_cast<int32_t>(c), alloc(0, c));
-    ASSERT_EQ(0, df_TagBadBlock(0, 100));
-    TQvStatfs st;
-    std::memset(&st, 0xEE, sizeof st);
-    ASSERT_EQ(0, df_DiskStatfs(p.c_str(), &st));
-    EXPECT_EQ(std::make_tuple(0x51564653u, 512u, uint64_t{3902799872}, uint64_t{3879731200}, uint64_t{3879731200}, 1u),
-              std::make_tuple(st.f_type, st.f_bsize, st.f_blocks, st.f_bfree, st.f_bavail, st.f_spare[0]));
-    EXPECT_EQ(0xEEEEEEEEEEEEEEEEull, st.f_files) << "other fields are left alone";
-
-    ASSERT_EQ(0, df_DiskUnmout(p.c_str(), 0));
-    errno = 77;
-    EXPECT_EQ(-1, df_DiskStatfs(p.c_str(), &st));
-    EXPECT_EQ(-1, df_IsDiskReady(0));
-    EXPECT_EQ(77, errno) << "a disk that is not ready: errno unchanged";
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_DiskStatfs(p.c_str(), nullptr));
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_IsDiskReady(9));  // no image
-    EXPECT_EQ(1u, df_GetDiskVersion("/dev/scsi/host09/part1"));
-}
-
 // Marks of 1 stay 1 and wait for the twentieth pass; a larger mark flushes
 // in the next pass. A disk that is ready while this process has closed its
 // descriptor is passed over.

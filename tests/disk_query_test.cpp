@@ -71,32 +71,6 @@ TEST_F(QueryTest, BlockInfoScansTheHeadersOfBlocksInUseInSlices) {
     EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetBlockInfo("/dev/scsi/host08/part1", info, 9));
 }
 
-TEST_F(QueryTest, CurrentBlockAndHeldSpacePerChannel) {
-    EXPECT_EQ(9u, df_GetDiskUsedBlockNum(path_.c_str()));
-    for (uint32_t code = 0; code < 16; ++code) EXPECT_EQ(-1, df_GetUsedInBlockOfDataTypeEx(0, 11, code));
-    EXPECT_EQ(0, df_GetBlockNumOfDataType(path_.c_str(), 11, 0));
-    block_with_head(11, 0, 0, 1);
-    const int32_t pic = block_with_head(11, 5, 3, 1);
-    block_with_head(11, 5, 3, 1);
-    // Codes 1 and 8 read the REC row, 5 the PIC row; 1024 MiB per block held.
-    const char* p = path_.c_str();
-    EXPECT_EQ(std::make_tuple(0, 0, pic + 1, 1024, 2048),
-              std::make_tuple(df_GetUsedInBlockOfDataType(p, 11, 1), df_GetUsedInBlockOfDataTypeEx(0, 11, 8),
-                              df_GetUsedInBlockOfDataTypeEx(0, 11, 5), df_GetBlockNumOfDataType(p, 11, 0),
-                              df_GetBlockNumOfDataType(p, 11, 5)));
-    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_GetUsedInBlockOfDataTypeEx(0, 11, 16));
-    EXPECT_ERR(-1, QVFS_ERR_CHANNEL, df_GetBlockNumOfDataType(path_.c_str(), 1024, 0));
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetUsedInBlockOfDataType(nullptr, 0, 0));
-    EXPECT_ERR(0u, QVFS_ERR_BADARG, df_GetDiskUsedBlockNum("/dev/scsi/host12/part1"));
-
-    ASSERT_EQ(0, df_DiskUnmout(path_.c_str(), 0));
-    errno = 44;
-    EXPECT_EQ(std::make_tuple(0u, -1, -1),
-              std::make_tuple(df_GetDiskUsedBlockNum(p), df_GetUsedInBlockOfDataTypeEx(0, 11, 0),
-                              df_GetBlockNumOfDataType(p, 11, 0)));
-    EXPECT_EQ(44, errno) << "a disk that is not ready: errno unchanged";
-}
-
 TEST_F(QueryTest, DebugDumpPrintsOneRowPerDiskAndStopsAtTheBufferSize) {
     block_with_head(1, 0, 0, 1);
     block_with_head(2, 3, 1, 1);
