@@ -156,7 +156,6 @@ TEST_F(BlockTableTest, LastCloseClosesTheDeviceAndFreesTheSlot) {
     EXPECT_FALSE(fd_open(fd));
     EXPECT_EQ(nullptr, table_entry(slot));
 
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, bf_CloseFile(nullptr));
     const TQvBlkId negative{0, -1}, unmounted{4, 0};
     EXPECT_ERR(nullptr, QVFS_ERR_DISKNUM, _bf_GetBlock(&negative));
     EXPECT_EQ(nullptr, _bf_GetBlock(&unmounted));

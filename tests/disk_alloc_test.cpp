@@ -57,31 +57,6 @@ TEST_F(AllocTest, MetadataWriteFailures) {
     EXPECT_EQ(QV_BLK_FREE, image(0).map[3]);
 }
 
-TEST_F(AllocTest, RejectsBadArguments) {
-    TQvBlkId id{5, 5};
-    TQvfsOpenParam req = param(0);
-    std::snprintf(req.path, sizeof req.path, "/dev/sdb1");
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetFileBlkId(nullptr, &id));
-    EXPECT_ERR(-1, QVFS_ERR_DISKNUM, df_GetFileBlkId(&req, &id));
-    EXPECT_EQ(5, id.block) << "untouched when the path names no disk";
-    req = param(0, 0, 0, 5, 4);  // a disk without an image
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_GetFileBlkId(&req, &id));
-    EXPECT_EQ(-1, id.block);
-    EXPECT_ERR(-1, QVFS_ERR_CHANNEL, alloc(0, 1024));
-    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_ReleaseBlock(0, 9, 0, 0, 0));
-    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_ReleaseBlock(0, 0, 1024, 0, 0));
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_ReleaseBlock(25, 0, 0, 0, 0));
-    EXPECT_ERR(0, QVFS_ERR_BADHANDLE, df_GetBlkAddr(0, 9));
-    EXPECT_ERR(0, QVFS_ERR_BADARG, df_GetBlkAddr(25, 0));
-    image(0).map[9] = QV_BLK_BAD;  // past tolblk: never looked at
-    EXPECT_EQ(0u, df_IsBlockAllocated(4, 0) + df_IsBlockAllocated(0, 9)) << "no image; past tolblk";
-
-    ASSERT_EQ(0, df_DiskUnmout(path_.c_str(), 0));
-    errno = 55;
-    EXPECT_EQ(-1, alloc(0, 0));
-    EXPECT_EQ(55, errno) << "a disk that is not ready";
-}
-
 // Both processes allocate for their own channels as fast as they can; the
 // disk's lock makes every pick see the other's.
 TEST_F(AllocTest, TwoProcessesNeverShareABlock) {

@@ -50,23 +50,4 @@ TEST_F(BadBlockTest, WritesOnlyChangesAndReportsFailedWrites) {
     EXPECT_EQ(QV_BLK_BADUNIT, image(0).map[5]);
 }
 
-TEST_F(BadBlockTest, RejectsBadArgumentsAndUnreadyDisks) {
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_TagBadBlock(25, 0));
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_TagBadBlock(6, 0));  // no image
-    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_TagBadBlock(0, 9));
-    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_TagBadBlock(0, -1));
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, df_TagBadUnit(nullptr, 0, 1));
-    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, tag_unit(image_bytes_for(9), 1));  // at the device's end
-    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_TagBadUnit("/dev/scsi/host06/part1", 0, 1));  // no device: size 0
-
-    ASSERT_EQ(0, df_DiskUnmout(path_.c_str(), 0));
-    errno = 66;
-    EXPECT_EQ(-1, tag_unit(kDataStart, 1));
-    EXPECT_EQ(66, errno) << "errno unchanged";
-    // Not ready is no obstacle for a single block, but with the descriptor
-    // closed no meta region can be written.
-    EXPECT_ERR(-1, QVFS_ERR_BADHANDLE, df_TagBadBlock(0, 2));
-    EXPECT_EQ(QV_BLK_BAD, image(0).map[2]);
-}
-
 }  // namespace

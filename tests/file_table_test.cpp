@@ -93,8 +93,6 @@ TEST_F(FileTableTest, BadNamesAndFailedOpensLeaveNoTrace) {
     TQvfsOpenParam p = param(0, 0, 1, 0);
     EXPECT_EQ(nullptr, tf_OpenFile(nullptr, nullptr));
     EXPECT_EQ(nullptr, tf_OpenFile(&p, nullptr));
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, tf_CloseFile(nullptr));
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, tf_Unlink(nullptr));
     TQvFileHandle* h = open(f.name);  // the real name still opens
     ASSERT_NE(nullptr, h);
     EXPECT_EQ(0, tf_CloseFile(h));
