@@ -298,10 +298,34 @@ QVFS_API const char* qvfs_ErrorString(int code);
 QVFS_EXTERN_C_END
 
 #ifdef __cplusplus
-static_assert(sizeof(TimeValue) == 8, "TimeValue size");
-static_assert(sizeof(QvfsBlockStat) == 32, "QvfsBlockStat size");
-static_assert(offsetof(QvfsBlockStat, state) == 20, "QvfsBlockStat state offset");
-static_assert(offsetof(QvfsBlockStat, endTimeLo) == 24, "QvfsBlockStat end time offset");
+static_assert(sizeof(TimeValue) == 8 && offsetof(TimeValue, tv_sec) == 0 && offsetof(TimeValue, tv_usec) == 4);
+static_assert(sizeof(QvfsBlockStat) == 32 && offsetof(QvfsBlockStat, diskId) == 0);
+static_assert(offsetof(QvfsBlockStat, blkId) == 4 && offsetof(QvfsBlockStat, dataType) == 8);
+static_assert(offsetof(QvfsBlockStat, locked) == 12 && offsetof(QvfsBlockStat, otherType) == 16);
+static_assert(offsetof(QvfsBlockStat, state) == 20 && offsetof(QvfsBlockStat, endTimeLo) == 24);
+static_assert(offsetof(QvfsBlockStat, endTimeHi) == 28);
+#if defined(__arm__) && !defined(__aarch64__)
+/* On the recorders' 32-bit ARM C library the interface records are its own
+ * stat64, statfs64 and timeval, field for field. */
+#include <sys/stat.h>
+#include <sys/statfs.h>
+#include <sys/time.h>
+static_assert(sizeof(long) == 4 && sizeof(void*) == 4 && sizeof(time_t) == 4);
+static_assert(sizeof(struct stat64) == sizeof(TQvStat64));
+static_assert(offsetof(struct stat64, st_size) == offsetof(TQvStat64, st_size));
+static_assert(offsetof(struct stat64, st_blksize) == offsetof(TQvStat64, st_blksize));
+static_assert(offsetof(struct stat64, st_blocks) == offsetof(TQvStat64, st_blocks));
+static_assert(offsetof(struct stat64, st_mtim) == offsetof(TQvStat64, st_mtim));
+static_assert(offsetof(struct stat64, st_ctim) == offsetof(TQvStat64, st_ctim));
+static_assert(offsetof(struct stat64, st_ino) == offsetof(TQvStat64, st_ino));
+static_assert(sizeof(struct statfs64) == sizeof(TQvStatfs));
+static_assert(offsetof(struct statfs64, f_blocks) == offsetof(TQvStatfs, f_blocks));
+static_assert(offsetof(struct statfs64, f_bfree) == offsetof(TQvStatfs, f_bfree));
+static_assert(offsetof(struct statfs64, f_bavail) == offsetof(TQvStatfs, f_bavail));
+static_assert(offsetof(struct statfs64, f_spare) == offsetof(TQvStatfs, f_spare));
+static_assert(sizeof(struct timeval) == sizeof(TimeValue));
+static_assert(sizeof(TQvFileInfo) == 8 && offsetof(TQvFileInfo, len) == 4);
+#endif
 #endif
 
 #endif /* QVFS_H */

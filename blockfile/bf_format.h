@@ -209,6 +209,8 @@ static_assert(offsetof(TQvBlkShare, reserved) == 524);
 static_assert(offsetof(TQvBlkShare, blkAddr) == 528);
 static_assert(offsetof(TQvBlkShare, shareIndex) == 536);
 static_assert(offsetof(TQvBlkShare, unlinkPending) == 540);
+static_assert(sizeof(TQvBlkShare) % alignof(TQvBlkShare) == 0 && 0x51000 % alignof(TQvBlkShare) == 0,
+              "the pool packs records back to back from 0x51000");
 
 // Block handle, private to a process (qvfs_Malloc). One handle serves every
 // user of the block in the process: inRef counts them, and each also holds

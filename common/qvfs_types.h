@@ -221,4 +221,36 @@ typedef struct TQvBlkSegQuery {
     TQvFileStat* out;
 } TQvBlkSegQuery;
 
+#ifdef __cplusplus
+/* The layouts above, as the recorders' applications pass them. */
+static_assert(sizeof(TQvfsOpenParam) == 128 && offsetof(TQvfsOpenParam, chn) == 0);
+static_assert(offsetof(TQvfsOpenParam, startTime) == 4 && offsetof(TQvfsOpenParam, fileType) == 8);
+static_assert(offsetof(TQvfsOpenParam, resSize) == 12 && offsetof(TQvfsOpenParam, recType) == 16);
+static_assert(offsetof(TQvfsOpenParam, path) == 24 && offsetof(TQvfsOpenParam, ext) == 88);
+static_assert(offsetof(TQvfsOpenParam, preName) == 96 && offsetof(TQvfsOpenParam, reserved1) == 124);
+static_assert(sizeof(TQvTimespec32) == 8 && offsetof(TQvTimespec32, tv_nsec) == 4);
+static_assert(sizeof(TQvStat64) == 104 && offsetof(TQvStat64, st_dev) == 0 && offsetof(TQvStat64, st_mode) == 16);
+static_assert(offsetof(TQvStat64, st_rdev) == 32 && offsetof(TQvStat64, st_size) == 48);
+static_assert(offsetof(TQvStat64, st_blksize) == 56 && offsetof(TQvStat64, st_blocks) == 64);
+static_assert(offsetof(TQvStat64, st_atim) == 72 && offsetof(TQvStat64, st_mtim) == 80);
+static_assert(offsetof(TQvStat64, st_ctim) == 88 && offsetof(TQvStat64, st_ino) == 96);
+static_assert(sizeof(TQvFileStat) == 232 && offsetof(TQvFileStat, st) == 0 && offsetof(TQvFileStat, chn) == 104);
+static_assert(offsetof(TQvFileStat, lock) == 112 && offsetof(TQvFileStat, recType) == 120);
+static_assert(offsetof(TQvFileStat, startTime) == 128 && offsetof(TQvFileStat, usrParam) == 136);
+static_assert(offsetof(TQvFileStat, name) == 168);
+static_assert(sizeof(TQvStatfs) == 88 && offsetof(TQvStatfs, f_type) == 0 && offsetof(TQvStatfs, f_bsize) == 4);
+static_assert(offsetof(TQvStatfs, f_blocks) == 8 && offsetof(TQvStatfs, f_bfree) == 16);
+static_assert(offsetof(TQvStatfs, f_bavail) == 24 && offsetof(TQvStatfs, f_files) == 32);
+static_assert(offsetof(TQvStatfs, f_ffree) == 40 && offsetof(TQvStatfs, f_fsid) == 48);
+static_assert(offsetof(TQvStatfs, f_namelen) == 56 && offsetof(TQvStatfs, f_frsize) == 60);
+static_assert(offsetof(TQvStatfs, f_flags) == 64 && offsetof(TQvStatfs, f_spare) == 68 && sizeof(((TQvStatfs*)0)->f_spare) == 16);
+static_assert(sizeof(TQvDiskBlkInfo) == 40 && offsetof(TQvDiskBlkInfo, blkId) == 0);
+static_assert(offsetof(TQvDiskBlkInfo, startTime) == 8 && offsetof(TQvDiskBlkInfo, cnt) == 16);
+static_assert(offsetof(TQvDiskBlkInfo, endTime) == 24 && offsetof(TQvDiskBlkInfo, fileType) == 32);
+static_assert(sizeof(TQvBlkStat) == 32 && offsetof(TQvBlkStat, diskId) == 0 && offsetof(TQvBlkStat, blkId) == 4);
+static_assert(offsetof(TQvBlkStat, dataType) == 8 && offsetof(TQvBlkStat, lock) == 12);
+static_assert(offsetof(TQvBlkStat, recType) == 16 && offsetof(TQvBlkStat, state) == 20);
+static_assert(offsetof(TQvBlkStat, endTimeLo) == 24 && offsetof(TQvBlkStat, endTimeHi) == 28);
+#endif
+
 #endif /* QVFS_TYPES_H */

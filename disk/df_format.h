@@ -89,7 +89,7 @@ struct TQvDiskHead {
     uint32_t tolblk;
     uint8_t reserved3[444];
 };
-static_assert(sizeof(TQvDiskHead) == 512);
+static_assert(sizeof(TQvDiskHead) == 512 && sizeof(TQvDiskHead::magic) == 5);
 static_assert(offsetof(TQvDiskHead, ver) == 8);
 static_assert(offsetof(TQvDiskHead, metaSize) == 12);
 static_assert(offsetof(TQvDiskHead, blockSize) == 16);

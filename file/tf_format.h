@@ -50,7 +50,7 @@ struct TQvFileOwner {
     int32_t pid;
     int32_t count;
 };
-static_assert(sizeof(TQvFileOwner) == 8);
+static_assert(sizeof(TQvFileOwner) == 8 && offsetof(TQvFileOwner, pid) == 0 && offsetof(TQvFileOwner, count) == 4);
 
 // Shared file record, 648 bytes, a shared record of the file kind (owner
 // slots 0..1023, see fsc_TfMalloc). `slice` changes under the record's own
@@ -85,6 +85,7 @@ static_assert(offsetof(TQvFileRec, name) == 512);
 static_assert(offsetof(TQvFileRec, shrRef) == 576);
 static_assert(offsetof(TQvFileRec, shareIndex) == 580);
 static_assert(offsetof(TQvFileRec, owner) == 584);
+static_assert(sizeof(TQvFileRec) % alignof(TQvFileRec) == 0, "the pool packs records back to back");
 static_assert(offsetof(TQvFileRec, slice) + offsetof(TQvBlkSliceInfo, chn) == 24);
 static_assert(offsetof(TQvFileRec, slice) + offsetof(TQvBlkSliceInfo, lock) == 28);
 static_assert(offsetof(TQvFileRec, slice) + offsetof(TQvBlkSliceInfo, startTime) == 32);

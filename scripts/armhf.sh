@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Builds qvfs (library, tests, tools) for the 32-bit ARM recorders (armhf)
-# and runs the test suite under qemu-arm; then shows that both builds lay out
-# the shared records alike and that a disk image recorded by either build
-# reads the same on the other. Installs what it needs with apt-get when
+# and runs the test suite under qemu-arm (the record layouts are checked when
+# it compiles); then shows that a disk image recorded by either build reads
+# the same on the other. Installs what it needs with apt-get when
 # missing. Extra arguments go to the armhf ctest run (for example: -R disk_).
 #
 #   QVFS_ARMHF_BUILD_DIR  armhf build directory (default build-armhf)
@@ -94,20 +94,14 @@ echo "armhf: $passed passed, ${#failed[@]} failed, $((skipped + ${#emulated[@]} 
 [ ${#failed[@]} -eq 0 ] || exit 1
 
 # ---- Cross checks against the x86_64 build.
-echo "== record layouts and disk images across x86_64 and armhf"
+echo "== disk images across x86_64 and armhf"
 if [ ! -f "$HOST/CMakeCache.txt" ]; then
     # shellcheck disable=SC2086
     cmake -S "$QVFS_TOP" -B "$HOST" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo ${QVFS_CMAKE_ARGS:-} >/dev/null
 fi
-cmake --build "$HOST" -j "$(nproc)" --target layout_test cross_arch_test
+cmake --build "$HOST" -j "$(nproc)" --target cross_arch_test
 work=$(mktemp -d "${TMPDIR:-/tmp}/qvfs-xarch-XXXXXX")
 trap 'rm -rf "$work"' EXIT
-
-# The same table of sizes and offsets from both builds.
-QVFS_LAYOUT_OUT=$work/layout.x86_64 "$HOST/tests/layout_test" --gtest_brief=1
-QVFS_LAYOUT_OUT=$work/layout.armhf arm_run "$ARM/tests/layout_test" --gtest_brief=1
-diff -u "$work/layout.x86_64" "$work/layout.armhf"
-echo "layouts agree: $(wc -l <"$work/layout.armhf") records and fields"
 
 # An image recorded by one build, read by the other; the reader compares what
 # it finds with what the recording build itself read back from that image.

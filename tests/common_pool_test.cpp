@@ -15,8 +15,11 @@
 #include <thread>
 #include <vector>
 
+#include "blockfile/bf_format.h"
 #include "common/fsc.h"
 #include "common/keys.h"
+#include "disk/df_format.h"
+#include "file/tf_format.h"
 #include "support/child.h"
 #include "support/sandbox.h"
 
@@ -25,6 +28,17 @@ namespace {
 using qvfs::test::Child;
 using qvfs::test::ChildLink;
 using Rec = unsigned char*;
+
+// The pool reads and writes these words inside the layers' records.
+static_assert(qvfs::kFileRecShrRefOff == offsetof(TQvFileRec, shrRef));
+static_assert(qvfs::kFileRecIndexOff == offsetof(TQvFileRec, shareIndex));
+static_assert(qvfs::kBlkRecShrRefOff == offsetof(TQvBlkShare, shrRef));
+static_assert(qvfs::kBlkRecIndexOff == offsetof(TQvBlkShare, shareIndex));
+static_assert(qvfs::kDiskRecMapIndexOff == offsetof(TQvDiskShare, mapIndex));
+static_assert(qvfs::kDiskRecStatOff == offsetof(TQvDiskShare, stat));
+static_assert(qvfs::kDiskRecMountedOff == offsetof(TQvDiskShare, mounted));
+static_assert(qvfs::kDiskRecShmNoOff == offsetof(TQvDiskShare, shmNo));
+static_assert(QVFS_DISK_REC_SIZE == sizeof(TQvDiskShare));
 
 class PoolTest : public qvfs::test::SandboxTest {
 protected:
