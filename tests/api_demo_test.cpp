@@ -1,15 +1,11 @@
 // The demo program, run as the README runs it but briefly and inside a test
-// sandbox: it records, verifies and leaves no System V object behind, and it
+// sandbox: it records, verifies and leaves no System V object behind; it
 // refuses to touch a sandbox that another process is using.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include <cstdio>
-#include <string>
-
-#include "api/qvfs.h"
-#include "support/sandbox.h"
+#include "support/fixture.h"
 
 #ifndef QVFS_DEMO_PATH
 #error "tests/extra.cmake gives this test the demo's path"
@@ -17,59 +13,41 @@
 
 namespace {
 
-struct Outcome {
-    int status = -1;
+// Runs the demo with arguments (QVFS_ROOT is the sandbox's): exit code and output.
+std::pair<int, std::string> demo(const std::string& args) {
     std::string out;
-};
-
-// Runs the demo with arguments; QVFS_ROOT is the sandbox's, inherited.
-Outcome demo(const std::string& args) {
-    Outcome r;
     std::FILE* p = popen((QVFS_EXAMPLE_RUNNER " '" QVFS_DEMO_PATH "' " + args + " 2>&1").c_str(), "r");
-    if (p == nullptr) return r;
     char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    const int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
-
-bool exists(const std::string& path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0;
+    for (size_t n; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    const int st = p != nullptr ? pclose(p) : -1;
+    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
 }
 
 TEST(ApiDemo, RecordsVerifiesAndCleansUp) {
     qvfs::test::Sandbox sbx;
-    const Outcome r = demo("--seconds 1 --mib 48");
-    EXPECT_EQ(0, r.status) << r.out;
-    EXPECT_NE(std::string::npos, r.out.find("12 of 12 files, 48.0 MiB read back")) << r.out;
-    EXPECT_NE(std::string::npos, r.out.find("every byte as recorded")) << r.out;
-    EXPECT_NE(std::string::npos, r.out.find("all as recorded")) << "live playback: " << r.out;
-    EXPECT_NE(std::string::npos, r.out.find("RESULT: OK")) << r.out;
-    EXPECT_FALSE(exists(sbx.image_path(0))) << "the image is removed";
+    const auto [status, out] = demo("--seconds 1 --mib 48");
+    EXPECT_EQ(0, status) << out;
+    for (const char* line : {"12 of 12 files, 48.0 MiB read back", "every byte as recorded", "all as recorded", "RESULT: OK"})
+        EXPECT_NE(std::string::npos, out.find(line)) << line << " in:\n" << out;
+    struct stat st;
+    EXPECT_NE(0, ::stat(sbx.image_path(0).c_str(), &st)) << "the image is removed";
     EXPECT_EQ(0, sbx.ipc_objects()) << "the demo removed its semaphores and segments";
 }
 
 TEST(ApiDemo, LeavesASandboxInUseAlone) {
     qvfs::test::Sandbox sbx;
-    // This process uses the sandbox: the library is started and a disk made.
-    ASSERT_EQ(0, qvfs_Init());
-    const std::string image = sbx.image_path(0);
+    ASSERT_EQ(0, qvfs_Init());  // this process uses the sandbox
     sbx.add_disk(0, 1ull << 30);
     const int before = sbx.ipc_objects();
     ASSERT_GT(before, 0);
-
-    const Outcome r = demo("--seconds 1 --mib 8");
-    EXPECT_EQ(1, r.status) << r.out;
-    EXPECT_NE(std::string::npos, r.out.find("is using the sandbox")) << r.out;
-    const Outcome rm = demo("--remove-ipc");
-    EXPECT_EQ(1, rm.status) << rm.out;
-    EXPECT_EQ(before, sbx.ipc_objects()) << "nothing removed";
+    for (const char* args : {"--seconds 1 --mib 8", "--remove-ipc"}) {
+        const auto [status, out] = demo(args);
+        EXPECT_EQ(1, status) << out;
+        EXPECT_NE(std::string::npos, out.find("the sandbox")) << out;
+    }
     struct stat st;
-    ASSERT_EQ(0, ::stat(image.c_str(), &st));
-    EXPECT_EQ(off_t(1) << 30, st.st_size) << "the image is untouched";
+    EXPECT_EQ(before, sbx.ipc_objects()) << "nothing removed";
+    EXPECT_TRUE(::stat(sbx.image_path(0).c_str(), &st) == 0 && st.st_size == off_t(1) << 30) << "the image is untouched";
 }
 
 }  // namespace

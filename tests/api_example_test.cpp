@@ -4,10 +4,6 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <string>
-
 #include "support/fixture.h"
 
 #ifndef QVFS_BUILD_DIR
@@ -16,57 +12,36 @@
 
 namespace {
 
-struct Outcome {
-    int status = -1;
+// Runs a shell command: exit code and output, trailing newlines dropped.
+std::pair<int, std::string> run(const std::string& cmd) {
     std::string out;
-};
-
-// Runs a shell command and collects its standard output and error.
-Outcome run(const std::string& cmd) {
-    Outcome r;
     std::FILE* p = popen((cmd + " 2>&1").c_str(), "r");
-    if (p == nullptr) return r;
     char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) r.out.append(buf, n);
-    const int st = pclose(p);
-    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
-    return r;
-}
-
-std::string trim(std::string s) {
-    while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
-    return s;
+    for (size_t n; p != nullptr && (n = std::fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    const int st = p != nullptr ? pclose(p) : -1;
+    while (!out.empty() && out.back() == '\n') out.pop_back();
+    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
 }
 
 TEST(ApiExample, BuildsAsCAgainstTheInstalledLibraryAndRuns) {
     qvfs::test::Sandbox sbx;
     sbx.add_disk(0, qvfs::test::image_bytes_for(2));
-    const std::string prefix = sbx.root() + "/prefix";
-
-    const Outcome install = run("cmake --install '" QVFS_BUILD_DIR "' --prefix '" + prefix + "'");
-    ASSERT_EQ(0, install.status) << install.out;
-
-    const std::string libdir = prefix + "/" QVFS_INSTALL_LIBDIR;
-    const Outcome flags = run("PKG_CONFIG_PATH='" + libdir + "/pkgconfig' pkg-config --define-variable=prefix='" +
-                          prefix + "' --cflags --libs qvfs");
-    ASSERT_EQ(0, flags.status) << flags.out;
-    EXPECT_NE(std::string::npos, flags.out.find("-lqvfs"));
-    EXPECT_NE(std::string::npos, flags.out.find(prefix)) << "flags point into the prefix: " << flags.out;
-
+    const std::string prefix = sbx.root() + "/prefix", libdir = prefix + "/" QVFS_INSTALL_LIBDIR;
+    const auto install = run("cmake --install '" QVFS_BUILD_DIR "' --prefix '" + prefix + "'");
+    ASSERT_EQ(0, install.first) << install.second;
+    const auto flags = run("PKG_CONFIG_PATH='" + libdir + "/pkgconfig' pkg-config --define-variable=prefix='" + prefix +
+                           "' --cflags --libs qvfs");
+    ASSERT_EQ(0, flags.first) << flags.second;
+    EXPECT_TRUE(flags.second.find("-lqvfs") != std::string::npos && flags.second.find(prefix) != std::string::npos)
+        << "flags point into the prefix: " << flags.second;
     const std::string exe = prefix + "/road_of_a_recording";
-    const Outcome cc = run(std::string("'" QVFS_C_COMPILER "' -std=c99 -Wall -Wextra -pedantic -Werror " QVFS_EXTRA_CFLAGS
-                                   " '" QVFS_SOURCE_DIR "/examples/road_of_a_recording.c' -o '") +
-                       exe + "' " + trim(flags.out));
-    ASSERT_EQ(0, cc.status) << cc.out;
-
-    // The sandbox's QVFS_ROOT is in the environment the program inherits.
-    const Outcome ex =
-        run("LD_LIBRARY_PATH='" + libdir + "' " QVFS_EXAMPLE_RUNNER " '" + exe + "' /dev/scsi/host00/part1");
-    EXPECT_EQ(0, ex.status) << ex.out;
-    EXPECT_NE(std::string::npos, ex.out.find("played    2031616 bytes, all as recorded")) << ex.out;
-    EXPECT_NE(std::string::npos, ex.out.find("holds 1 file(s)")) << ex.out;
-    EXPECT_NE(std::string::npos, ex.out.find("\nok\n")) << ex.out;
+    const auto cc = run("'" QVFS_C_COMPILER "' -std=c99 -Wall -Wextra -pedantic -Werror " QVFS_EXTRA_CFLAGS " '" QVFS_SOURCE_DIR
+                        "/examples/road_of_a_recording.c' -o '" + exe + "' " + flags.second);
+    ASSERT_EQ(0, cc.first) << cc.second;
+    const auto ex = run("LD_LIBRARY_PATH='" + libdir + "' " QVFS_EXAMPLE_RUNNER " '" + exe + "' /dev/scsi/host00/part1");
+    EXPECT_EQ(0, ex.first) << ex.second;
+    for (const char* line : {"played    2031616 bytes, all as recorded", "holds 1 file(s)", "\nok"})
+        EXPECT_NE(std::string::npos, ex.second.find(line)) << line << " in:\n" << ex.second;
 }
 
 }  // namespace

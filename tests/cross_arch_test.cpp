@@ -1,57 +1,42 @@
 // The same disk, whichever build wrote it; and the values that outgrow 32
 // bits on the 32-bit ARM recorders.
 //
-// CrossArchImage records a fixed scenario on a sparse disk image through the
-// public calls and reads everything the public calls report about it into a
-// text, one line per fact, checking bytes and fields against the scenario on
-// the way. A fresh process mounting the image under new keys (so it loads
-// everything from the device) must produce the same text. scripts/armhf.sh
-// sets QVFS_XARCH_DIR: RecordForTheOtherBuild leaves image and text there,
-// and ReadTheOtherBuildsImage, run by the other architecture's build, must
-// read the same text from that image.
+// CrossArchImage records a fixed scenario on a sparse image through the
+// public calls and reads everything they report about it into a text, one
+// line per fact, checking bytes and fields against the scenario on the way.
+// A fresh process mounting the image under new keys must produce the same
+// text. scripts/armhf.sh sets QVFS_XARCH_DIR: RecordForTheOtherBuild leaves
+// image and text there, and ReadTheOtherBuildsImage, run by the other
+// architecture's build, must read the same text from that image.
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <sys/uio.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <climits>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <map>
 #include <sstream>
 
-#include "disk/df.h"
-#include "proc_lock.h"
-#include "support/fixture.h"
+#include "common/proc_lock.h"
 #include "support/child.h"
+#include "support/fixture.h"
 
 namespace {
 
 using namespace qvfs::test;
 
-// ---- the scenario -------------------------------------------------------------------
-
 constexpr int kDisk = 3;
-constexpr uint32_t kBlocks = 5;
-constexpr uint64_t kSectorsPerBlock = kGiB / 512;
-constexpr int32_t kT0 = 1700000000;
-constexpr int32_t kMovedCreation = 0x7FFFFFF0;
+constexpr uint32_t kBlocksX = 5;
+constexpr uint64_t kSectors = kGiB / 512;  // per block
+constexpr int32_t kT0 = 1700000000, kMovedCreation = 0x7FFFFFF0;
 constexpr uint32_t kAbstract = 0x5EED0C0D;
-// The reserved area of kRing fills linearly; the ring then starts at
-// kRingStart, runs to the area's end and wraps to kRingEnd; main data follows.
+// The ring file's area fills linearly; the ring starts at kRingStart, runs
+// to the area's end and wraps to kRingEnd; main data follows.
 constexpr uint32_t kRingArea = 256 * 1024, kRingStart = 100000, kRingEnd = 40000, kRingMain = 50000;
-// The bad unit: 4 KiB inside block 2, tagged before any block is taken, so
-// that channel 7 skips to block 3.
+// 4 KiB inside block 2, tagged before any block is taken: channel 7 skips to block 3.
 constexpr uint64_t kBadUnit = qvfs::disk::kDataStart + 2 * kGiB + 0x123000;
 
-// Every file is known by the seed of its bytes (pattern(seed, ...)), which it
-// also carries in the first word of its user parameter.
+// Every file is known by the seed of its bytes, which its user parameter carries.
 enum Seed : uint32_t { kPlain = 11, kNext, kRing, kPicture, kEarly, kGone };
 struct FileSpec {
     uint32_t seed, chn;
@@ -68,20 +53,11 @@ const FileSpec kFiles[] = {
 };
 std::vector<uint8_t> user_data(uint32_t funcId, size_t len) { return pattern(1000 + funcId, 0, len); }
 
-// The scenario's file of a seed that a listing may show (not kGone).
-const FileSpec* listed(uint32_t seed) {
-    for (const FileSpec& f : kFiles)
-        if (f.seed == seed && seed != kGone) return &f;
-    return nullptr;
-}
-
-// The helpers of ApiTest that need no started fixture.
-struct Lib : ApiTest {
+struct Lib : ApiTest {  // the helpers that need no started fixture
     using ApiTest::read_all;
     using ApiTest::stat_of;
 };
 
-// Records the scenario on the mounted disk `dev`.
 void record_scenario(const std::string& dev) {
     ASSERT_EQ(0, qvfs_TagBadUnit(dev.c_str(), kBadUnit, 4096)) << "errno " << errno;
     std::map<uint32_t, std::string> names;
@@ -107,10 +83,8 @@ void record_scenario(const std::string& dev) {
             iovec iov[3] = {{&b[0], 1000}, {&b[1000], 30000}, {&b[31000], f.len - 31000}};
             EXPECT_EQ(int(f.len), qvfs_Writev(h, iov, 3));
         } else {
-            for (uint32_t at = 0; at < f.len; at += 100000) {
-                const uint32_t n = std::min(f.len - at, 100000u);
-                EXPECT_EQ(int(n), qvfs_Write(h, &b[at], n));
-            }
+            for (uint32_t at = 0; at < f.len; at += 100000)
+                EXPECT_EQ(int(std::min(f.len - at, 100000u)), qvfs_Write(h, &b[at], std::min(f.len - at, 100000u)));
         }
         EXPECT_EQ(0, qvfs_Close(h));
         EXPECT_EQ(0, qvfs_SetUsrParam(name, &f.seed, sizeof f.seed)) << name;
@@ -120,21 +94,16 @@ void record_scenario(const std::string& dev) {
     uint32_t abstract = kAbstract;
     auto ud4 = user_data(4, 40), ud16 = user_data(16, 123);
     TQvFileInfo items[3] = {{&abstract, 4}, {ud4.data(), uint32_t(ud4.size())}, {ud16.data(), uint32_t(ud16.size())}};
-    EXPECT_EQ(0, qvfs_SetFileInfo(names[kNext].c_str(),
-                                  QVFS_INFO_VIDEO_ABSTRACT | QVFS_INFO_USERDATA_4 | QVFS_INFO_USERDATA_16, items, 3));
+    EXPECT_EQ(0, qvfs_SetFileInfo(names[kNext].c_str(), QVFS_INFO_VIDEO_ABSTRACT | QVFS_INFO_USERDATA_4 | QVFS_INFO_USERDATA_16,
+                                  items, 3));
     EXPECT_EQ(0, qvfs_Unlink(names[kGone].c_str()));
 }
 
-// ---- reading it back ------------------------------------------------------------------
-
 std::string hex(const void* p, size_t n) {
     std::ostringstream s;
-    for (size_t i = 0; i < n; ++i)
-        s << std::hex << std::setw(2) << std::setfill('0') << int(static_cast<const uint8_t*>(p)[i]);
+    for (size_t i = 0; i < n; ++i) s << std::hex << std::setw(2) << std::setfill('0') << int(static_cast<const uint8_t*>(p)[i]);
     return s.str();
 }
-
-// One line of the report: a label and values separated by spaces.
 template <typename... V>
 void fact(std::ostream& out, const char* label, const V&... v) {
     out << label;
@@ -142,25 +111,22 @@ void fact(std::ostream& out, const char* label, const V&... v) {
     out << '\n';
 }
 
-// Everything the public calls report about the mounted disk `dev`, one line
-// per fact, in a fixed order; the files' bytes and fields are checked against
-// the scenario on the way.
+// Everything the public calls report about the mounted disk, one line per
+// fact in a fixed order; bytes and fields checked against the scenario.
 std::string disk_report(const std::string& dev) {
     std::ostringstream out;
     const char* p = dev.c_str();
     TQvStatfs sf{};
     EXPECT_EQ(0, qvfs_Statfs(p, &sf)) << "errno " << errno;
-    fact(out, "statfs", sf.f_type, sf.f_bsize, sf.f_blocks, sf.f_bfree, sf.f_bavail, sf.f_spare[0],
-         qvfs_GetUsedBlockNum(p));
-    EXPECT_EQ(kBlocks * kSectorsPerBlock, sf.f_blocks);
-    EXPECT_EQ(1u, sf.f_spare[0]) << "the bad unit's block";
-    TQvDiskBlkInfo info[kBlocks] = {};
-    const int inUse = qvfs_GetBlockInfo(p, info, int(kBlocks));
-    EXPECT_EQ(3, inUse) << "channels 0, 1 and 7 hold one block each";
-    EXPECT_EQ((kBlocks - 1 - uint64_t(inUse)) * kSectorsPerBlock, sf.f_bfree);
+    fact(out, "statfs", sf.f_type, sf.f_bsize, sf.f_blocks, sf.f_bfree, sf.f_bavail, sf.f_spare[0], qvfs_GetUsedBlockNum(p));
+    TQvDiskBlkInfo info[kBlocksX] = {};
+    const int inUse = qvfs_GetBlockInfo(p, info, int(kBlocksX));
+    EXPECT_EQ(std::make_tuple(3, kBlocksX * kSectors, uint64_t{1}, (kBlocksX - 4) * kSectors),
+              std::make_tuple(inUse, sf.f_blocks, uint64_t{sf.f_spare[0]}, sf.f_bfree))
+        << "channels 0, 1 and 7 hold one block each; the bad unit's block";
     for (int i = 0; i < inUse; ++i)
         fact(out, "blockinfo", info[i].blkId, info[i].startTime, info[i].cnt, info[i].endTime, info[i].fileType);
-    for (uint32_t b = 0; b < kBlocks; ++b) {
+    for (uint32_t b = 0; b < kBlocksX; ++b) {
         QvfsBlockStat bs{};
         const int r = qvfs_GetBlockStat(kDisk, b, &bs);
         fact(out, "blockstat", b, r, bs.diskId, bs.dataType, bs.locked, bs.otherType, bs.state, bs.endTimeHi,
@@ -168,23 +134,20 @@ std::string disk_report(const std::string& dev) {
     }
     for (auto [chn, type] : {std::pair{0u, 0u}, {1u, 0u}, {7u, 5u}, {7u, 0u}})
         fact(out, "current", chn, type, qvfs_GetUsedInBlockId(p, chn, type), qvfs_GetUsedSizeOfDataType(p, chn, type));
-
-    // The files, as the block listings give them.
-    std::map<uint32_t, std::string> names;  // by seed
+    std::map<uint32_t, std::string> names;  // by seed, from the block listings
     for (int i = 0; i < inUse; ++i) {
         TQvFileStat list[8] = {};
         const int n = qvfs_BlockStat(p, info[i].blkId, list, 8);
-        EXPECT_GE(n, 1) << "block " << info[i].blkId;
         for (int k = 0; k < n; ++k) {
             const TQvFileStat& st = list[k];
             uint32_t seed = 0;
             std::memcpy(&seed, st.usrParam, sizeof seed);
-            fact(out, "file", st.name, st.st.st_size, st.st.st_blocks, st.st.st_mtim.tv_sec, st.st.st_ctim.tv_sec,
-                 st.chn, st.lock, st.recType, st.startTime, hex(st.usrParam, sizeof st.usrParam));
-            const FileSpec* f = listed(seed);
-            EXPECT_TRUE(f != nullptr && names.emplace(seed, st.name).second)
+            fact(out, "file", st.name, st.st.st_size, st.st.st_blocks, st.st.st_mtim.tv_sec, st.st.st_ctim.tv_sec, st.chn,
+                 st.lock, st.recType, st.startTime, hex(st.usrParam, sizeof st.usrParam));
+            const FileSpec* f = std::find_if(std::begin(kFiles), std::end(kFiles), [&](const FileSpec& x) { return x.seed == seed; });
+            EXPECT_TRUE(f != std::end(kFiles) && seed != kGone && names.emplace(seed, st.name).second)
                 << st.name << " carries seed " << seed << ": deleted, unknown or listed twice";
-            if (f == nullptr) continue;
+            if (f == std::end(kFiles)) continue;
             EXPECT_EQ((std::vector<int64_t>{f->len, f->len / 512, f->seed == kPlain, f->recType}),
                       (std::vector<int64_t>{st.st.st_size, st.st.st_blocks, int64_t(st.lock), int64_t(st.recType)}))
                 << st.name << ": size, sectors, lock, record type";
@@ -196,10 +159,8 @@ std::string disk_report(const std::string& dev) {
     EXPECT_EQ(5u, names.size()) << "the deleted file is not listed, every other one is";
     if (names.size() != 5) return out.str();
     // Times widened from 32-bit words keep their sign.
-    EXPECT_EQ(uint64_t(int64_t(-100)), Lib::stat_of(names[kEarly]).startTime);
-    EXPECT_EQ(uint64_t(kMovedCreation), Lib::stat_of(names[kNext]).startTime);
-
-    // File information of every file.
+    EXPECT_EQ(std::make_pair(uint64_t(int64_t(-100)), uint64_t(kMovedCreation)),
+              std::make_pair(Lib::stat_of(names[kEarly]).startTime, Lib::stat_of(names[kNext]).startTime));
     for (const auto& [seed, name] : names) {
         char pre[64] = {};
         uint32_t abstract = 0;
@@ -211,65 +172,47 @@ std::string disk_report(const std::string& dev) {
         ud4.resize(r4 == 0 ? items[2].len : 0);
         ud16.resize(r16 == 0 ? items[3].len : 0);
         fact(out, "info", name, r, pre, abstract, r4, hex(ud4.data(), ud4.size()), r16, hex(ud16.data(), ud16.size()));
-        if (seed != kNext) continue;
-        EXPECT_EQ(0, r);
-        // The stored previous name keeps disk, block, slice and check code.
-        EXPECT_EQ(names[kPlain].substr(0, 16), std::string(pre).substr(0, 16));
-        EXPECT_EQ(kAbstract, abstract);
-        EXPECT_EQ(user_data(4, 40), ud4);
-        EXPECT_EQ(user_data(16, 123), ud16);
+        if (seed != kNext) continue;  // the stored previous name keeps disk, block, slice and check code
+        EXPECT_EQ(std::make_tuple(0, names[kPlain].substr(0, 16), kAbstract, user_data(4, 40), user_data(16, 123)),
+                  std::make_tuple(r, std::string(pre).substr(0, 16), abstract, ud4, ud16));
     }
     return out.str();
 }
-
-// ---- images and processes -------------------------------------------------------------
 
 std::string slurp(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(f), {});
 }
 
-bool spill(const std::string& path, const std::string& text) {
-    return bool(std::ofstream(path, std::ios::binary | std::ios::trunc) << text << std::flush);
-}
-
-// In a child process with a sandbox of its own (new keys, so no shared state
-// of any earlier process) whose disk is the image file `image`: formats it
-// and records the scenario when `record`, then mounts it and writes what it
-// reads to `reportPath`.
+// In a child with a sandbox of its own (new keys: no shared state of an
+// earlier process) whose disk is the image file: formats it and records the
+// scenario when `record`, then writes what it reads to `reportPath`.
 Child spawn(const std::string& image, bool record, const std::string& reportPath) {
     return Child::spawn([=](ChildLink& link) {
         Sandbox own;
         const std::string dev = own.add_disk(kDisk, 0);
-        if (record) {
-            std::ofstream(image, std::ios::trunc).close();
-            std::filesystem::resize_file(image, image_bytes_for(kBlocks));  // sparse
-        }
+        if (record) std::ofstream(image).close(), std::filesystem::resize_file(image, image_bytes_for(kBlocksX));
         std::filesystem::remove(own.image_path(kDisk));
         std::filesystem::create_symlink(image, own.image_path(kDisk));
-        CHILD_CHECK(link, qvfs_Init() == 0);
-        CHILD_CHECK(link, !record || qvfs_Format(dev.c_str()) == 0);
-        CHILD_CHECK(link, qvfs_Mount(dev.c_str()) == 0);
+        CHILD_CHECK(link, qvfs_Init() == 0 && (!record || qvfs_Format(dev.c_str()) == 0) && qvfs_Mount(dev.c_str()) == 0);
         if (record) record_scenario(dev);
         const std::string report = disk_report(dev);
         qvfs_DeInit();
         CHILD_CHECK(link, qvfs_UnMount(dev.c_str()) == 0);
-        CHILD_CHECK(link, spill(reportPath, report));
+        CHILD_CHECK(link, bool(std::ofstream(reportPath, std::ios::binary) << report << std::flush));
         return 0;
     });
 }
 
-// The directory shared with the other build, or none.
 std::string exchange_dir() {
     const char* d = std::getenv("QVFS_XARCH_DIR");
     return d != nullptr ? d : "";
 }
 
+// Records the scenario and reads the image back in a fresh process: both
+// reports agree. With QVFS_XARCH_DIR, leaves image and report there.
 class CrossArchImage : public SandboxTest {};
 
-// Records the scenario and reads the image back in a fresh process: both
-// reports agree. With QVFS_XARCH_DIR, leaves image and report there for the
-// other build.
 TEST_F(CrossArchImage, RecordForTheOtherBuild) {
     const std::string dir = exchange_dir().empty() ? sbx_.root() : exchange_dir(), live = sbx_.root() + "/live.txt";
     Child recorder = spawn(dir + "/disk.img", true, live);
@@ -290,57 +233,42 @@ TEST_F(CrossArchImage, ReadTheOtherBuildsImage) {
     Child reader = spawn(dir + "/disk.img", false, mine);
     EXPECT_CHILD_OK(reader);
     EXPECT_EQ(theirs, slurp(mine)) << "this build reads the other build's image differently";
-    EXPECT_TRUE(HasFailure() || spill(dir + "/verified", theirs));
+    if (!HasFailure()) std::ofstream(dir + "/verified") << theirs;
 }
 
-// ---- values beyond 32 bits --------------------------------------------------------------
-
-class WideValues : public ApiTest {};
-
-// A 2 TB disk has 1861 blocks: block addresses reach far beyond 4 GiB and
-// the sector counts of statfs beyond 2^31. With every block but the last two
-// taken and the next to last reported bad by a byte offset beyond 2^40, a
-// new file lands in the last block, at dataStart + 1860 GiB on the device.
-// Stretched by truncation to nearly the whole block, it reports its size,
-// sector count and positions exactly.
-TEST_F(WideValues, LastBlockOfA1861BlockDisk) {
-    constexpr int kBig = 1;
+// A 2 TB disk has 1861 blocks behind 0x41100000: addresses far beyond
+// 4 GiB, statfs counts beyond 2^31 (1861 * 2^21 sectors). With every block but the last two taken and the next to last
+// reported bad by an offset beyond 2^40, a new file lands in the last block;
+// stretched to nearly the whole block, it reports size, sectors and
+// positions exactly.
+TEST_F(ApiTest, WideValuesInTheLastBlockOfA1861BlockDisk) {
     constexpr uint32_t kLast = 1860;
-    const uint64_t last = 0x41100000ull + uint64_t(kLast) * kGiB;
-    const std::string big = sbx_.add_disk(kBig, 2000398934016ull);
-    ASSERT_EQ(0, qvfs_Format(big.c_str())) << "errno " << errno;
-    ASSERT_EQ(0, qvfs_Mount(big.c_str())) << "errno " << errno;
-    EXPECT_EQ(int64_t(last), df_GetBlkAddr(kBig, int32_t(kLast)));
+    const uint64_t last = block_addr(kLast);
+    const std::string big = sbx_.add_disk(1, 2000398934016ull);
+    ASSERT_EQ(0, qvfs_Format(big.c_str()));
+    ASSERT_EQ(0, qvfs_Mount(big.c_str()));
+    const TQvDiskHead& hd = image(1).head;
+    EXPECT_EQ(std::make_tuple(2u, uint64_t{0x41100000}, 1861u, uint64_t{0x1D181100000}, int64_t(last)),
+              std::make_tuple(hd.ver, hd.dataStart, hd.tolblk, hd.dataEnd, df_GetBlkAddr(1, int32_t(kLast))));
     {
-        qvfs::ProcLockGuard lock(g_astQvDisk[kBig].lock);
-        std::memset(g_astQvDisk[kBig].share->map, qvfs::disk::QV_BLK_BAD, kLast - 1);
+        qvfs::ProcLockGuard lock(g_astQvDisk[1].lock);
+        std::memset(image(1).map, qvfs::disk::QV_BLK_BAD, kLast - 1);
     }
     ASSERT_EQ(0, qvfs_TagBadUnit(big.c_str(), last - kGiB + 0x7000, 512));
-    EXPECT_EQ(qvfs::disk::QV_BLK_BADUNIT, g_astQvDisk[kBig].share->map[kLast - 1]);
     TQvStatfs sf{};
     ASSERT_EQ(0, qvfs_Statfs(big.c_str(), &sf));
-    EXPECT_EQ((std::vector<uint64_t>{1861 * kSectorsPerBlock, kSectorsPerBlock, kLast}),
-              (std::vector<uint64_t>{sf.f_blocks, sf.f_bfree, sf.f_spare[0]}))
-        << "sectors, free sectors, bad blocks";
-
-    TQvfsOpenParam p = param(2);
-    std::snprintf(p.path, sizeof p.path, "%s", big.c_str());
+    EXPECT_EQ(std::make_tuple(0x51564653u, 512u, uint64_t{3902799872}, uint64_t{2097152}, uint64_t{2097152}, kLast),
+              std::make_tuple(sf.f_type, sf.f_bsize, sf.f_blocks, sf.f_bfree, sf.f_bavail, sf.f_spare[0]));
+    TQvfsOpenParam p = param(2, 0, 0, 5, 1);
     char name[64] = {};
     const int h = qvfs_OpenV2(&p, name, QVFS_O_RDWR);
-    ASSERT_GE(h, 0) << "errno " << errno;
     EXPECT_EQ(int(kLast), qvfs_GetUsedInBlockId(big.c_str(), 2, 0));
     const auto data = pattern(77, 0, 300000);
     EXPECT_EQ(300000, qvfs_Write(h, data.data(), 300000));
     EXPECT_EQ(0, qvfs_Close(h));
     EXPECT_EQ(data, read_all(name));
-    // On the device, behind the block's 2 MiB header area.
-    std::vector<uint8_t> raw(data.size());
-    const int fd = ::open(sbx_.image_path(kBig).c_str(), O_RDONLY);
-    EXPECT_EQ(ssize_t(raw.size()), ::pread(fd, raw.data(), raw.size(), off_t(last + 0x200000)));
-    ::close(fd);
-    EXPECT_EQ(data, raw);
-
-    const int64_t len = 0x3F000000 + 777;  // the block is 1 GiB, its header area 2 MiB
+    EXPECT_EQ(data, read_dev(1, last + 0x200000, data.size())) << "behind the block's 2 MiB directory";
+    const int64_t len = 0x3F000000 + 777;
     const int w = open_name(name, QVFS_O_RDWR);
     ASSERT_EQ(0, qvfs_ftruncate(w, len));
     EXPECT_EQ(len - 4096, qvfs_Seek(w, -4096, 2));
@@ -348,39 +276,11 @@ TEST_F(WideValues, LastBlockOfA1861BlockDisk) {
     std::vector<uint8_t> tail(8192, 0xFF);
     EXPECT_EQ(4096, qvfs_Read(w, tail.data(), uint32_t(tail.size())));
     EXPECT_EQ(std::vector<uint8_t>(4096, 0), std::vector<uint8_t>(tail.begin(), tail.begin() + 4096));
-    EXPECT_EQ(1, qvfs_Eof(w));
     TQvFileStat st;
     std::memset(&st, 0xA5, sizeof st);
     ASSERT_EQ(0, qvfs_fstat(w, &st));
-    EXPECT_EQ(len, st.st.st_size);
-    EXPECT_EQ(len / 512, st.st.st_blocks);
-    EXPECT_EQ(0xA5, reinterpret_cast<const uint8_t*>(&st)[0]) << "the platform fields stay as the caller left them";
-    EXPECT_EQ(0, qvfs_Close(w));
-}
-
-// Times travel as signed 32-bit words and are stored as 64-bit values: they
-// are widened with their sign, as the 32-bit time() is on the recorders.
-TEST_F(WideValues, TimesWidenWithTheirSign) {
-    TQvfsOpenParam p = param(3);
-    p.startTime = INT32_MIN;
-    char name[64] = {};
-    const int h = qvfs_OpenV2(&p, name, QVFS_O_RDWR);
-    ASSERT_GE(h, 0);
-    EXPECT_EQ(4, qvfs_Write(h, "data", 4));
-    EXPECT_EQ(0, qvfs_Close(h));
-    EXPECT_EQ(0xFFFFFFFF80000000ull, stat_of(name).startTime);
-    TQvDiskBlkInfo info[ApiTest::kBlocks];
-    ASSERT_EQ(1, qvfs_GetBlockInfo(disk_.c_str(), info, int(ApiTest::kBlocks)));
-    EXPECT_EQ(0xFFFFFFFF80000000ull, info[0].startTime) << "the block's start time is its first file's";
-    EXPECT_EQ(0, qvfs_ChangeCreateTime(name, TimeValue{-2, 0}));
-    EXPECT_EQ(uint64_t(int64_t(-2)), stat_of(name).startTime);
-    TimeValue times[2] = {{0, 0}, {INT32_MAX, 0}};
-    EXPECT_EQ(0, qvfs_ChangeTime(name, times));
-    EXPECT_EQ(INT32_MAX, stat_of(name).st.st_mtim.tv_sec);
-    QvfsBlockStat bs;
-    ASSERT_EQ(0, qvfs_GetBlockStat(0, info[0].blkId, &bs));
-    EXPECT_EQ((std::vector<uint32_t>{uint32_t(INT32_MAX), 0}), (std::vector<uint32_t>{bs.endTimeLo, bs.endTimeHi}))
-        << "a positive end time has no high word";
+    EXPECT_EQ(std::make_tuple(1, len, len / 512, 0xA5), std::make_tuple(qvfs_Eof(w), st.st.st_size, st.st.st_blocks,
+                                                                    int(reinterpret_cast<const uint8_t*>(&st)[0])));
 }
 
 }  // namespace

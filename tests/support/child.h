@@ -1,22 +1,20 @@
 // child.h - test code in forked child processes.
 //
 //   Child c = Child::spawn([&](ChildLink& link) {
-//       CHILD_CHECK(link, fd >= 0);   // on failure: report file, line, condition; exit 1
+//       CHILD_CHECK(link, fd >= 0);   // on failure: file, line, condition reported; exit 1
 //       link.send(1);                 // "I hold the lock now"
-//       pause();
-//       return 0;                     // the exit code
+//       return pause(), 0;            // the exit code
 //   });
 //   ASSERT_TRUE(c.expect(1));
 //   c.kill_now();                     // SIGKILL in the middle of it
 //
 // The child leaves with _exit and never runs the parent's destructors (a
 // Sandbox stays the parent's). Failed EXPECTs in a body reach the parent's
-// report and turn exit code 0 into 1; use CHILD_CHECK where ASSERT would be.
-// Values travel as 64-bit integers both ways over a socket pair; report text
-// over a second one. A child dies with the thread that spawned it, and a
-// Child object that goes out of scope kills and reaps its process. A fork
-// copies only the forking thread: fork before starting library threads when
-// the child needs consistent per-process library state.
+// report and turn exit code 0 into 1. Values travel as 64-bit integers both
+// ways, report text on a second channel. A child dies with the thread that
+// spawned it, and a Child going out of scope kills and reaps its process. A
+// fork copies only the forking thread: fork before starting library threads
+// when the child needs consistent per-process library state.
 #pragma once
 
 #include <sys/types.h>
@@ -29,9 +27,9 @@ namespace qvfs::test {
 
 class ChildLink {
 public:
-    bool send(int64_t v);                           // false when the parent is gone
+    bool send(int64_t v);                          // false when the parent is gone
     bool recv(int64_t* v, int timeoutMs = 10000);  // false on timeout or a closed end
-    int fail(const char* fmt, ...) __attribute__((format(printf, 2, 3)));  // report a line, return 1
+    int fail(const char* fmt, ...) __attribute__((format(printf, 2, 3)));  // reports a line, returns 1
 
 private:
     friend class Child;
@@ -40,31 +38,29 @@ private:
 
 class Child {
 public:
-    using Body = std::function<int(ChildLink&)>;
     static constexpr int kTimeout = -1000;  // wait(): still running, killed
     static constexpr int kNoChild = -1001;  // wait(): never started
     static constexpr int signalled(int sig) { return -sig; }
 
-    static Child spawn(Body body);
+    static Child spawn(std::function<int(ChildLink&)> body);
     Child() = default;
     Child(Child&& o) noexcept { *this = std::move(o); }
     Child& operator=(Child&& o) noexcept;
-    ~Child();
+    ~Child() { release(); }
 
     pid_t pid() const { return pid_; }
     bool send(int64_t v);
     bool recv(int64_t* v, int timeoutMs = 10000);
     bool expect(int64_t want, int timeoutMs = 10000);  // the next value is `want`
-    // The exit code 0..255, signalled(sig), or kTimeout after killing a child
-    // that did not end in time. Repeated calls give the same result.
+    // The exit code, signalled(sig), or kTimeout after killing a child that
+    // did not end in time; the same on every call.
     int wait(int timeoutMs = 30000);
     int kill_now();
-    // A wait() result and the child's report, for failure messages.
-    std::string describe(int result);
+    std::string describe(int result);  // a wait() result and the child's report
 
 private:
     void drain_text();
-    void release();  // kills and reaps a running child, closes the channels
+    void release();
     pid_t pid_ = -1;
     bool reaped_ = false;
     int result_ = kNoChild, chan_ = -1, text_ = -1;

@@ -16,10 +16,8 @@ std::vector<uint8_t> pattern(uint32_t seed, uint64_t from, size_t len) {
     for (size_t k = 0; k < len; ++k) {
         const uint64_t i = from + k;
         uint64_t x = (i / 8) * 0x9E3779B97F4A7C15ull + seed * 0xBF58476D1CE4E5B9ull + 1;
-        x ^= x >> 31;
-        x *= 0x94D049BB133111EBull;
-        x ^= x >> 29;
-        v[k] = uint8_t(x >> (8 * (i % 8)));
+        x = (x ^ (x >> 31)) * 0x94D049BB133111EBull;
+        v[k] = uint8_t((x ^ (x >> 29)) >> (8 * (i % 8)));
     }
     return v;
 }
@@ -28,23 +26,12 @@ uint32_t name_block(const std::string& name) { return uint32_t(std::stoul(name.s
 uint32_t name_slice(const std::string& name) { return uint32_t(std::stoul(name.substr(8, 4), nullptr, 16)); }
 
 void Fixture::SetUp() {
-    switch (level_) {
-        case Level::kDisk:
-            ASSERT_EQ(0, fsc_ShareInit());
-            ASSERT_EQ(0, df_Init());
-            return;
-        case Level::kBlock:
-            ASSERT_EQ(0, fsc_ShareInit());
-            ASSERT_EQ(0, bf_Init());
-            return;
-        case Level::kFile:
-            ASSERT_EQ(0, tf_Init()) << "errno " << errno;
-            break;
-        case Level::kApi:
-            ASSERT_EQ(0, qvfs_Init()) << "errno " << errno;
-            break;
-    }
-    disk_ = ready_disk(0, kBlocks);
+    const bool ok = level_ == Level::kDisk    ? fsc_ShareInit() == 0 && df_Init() == 0
+                    : level_ == Level::kBlock ? fsc_ShareInit() == 0 && bf_Init() == 0
+                    : level_ == Level::kFile  ? tf_Init() == 0
+                                              : qvfs_Init() == 0;
+    ASSERT_TRUE(ok) << "errno " << errno;
+    if (level_ == Level::kFile || level_ == Level::kApi) disk_ = ready_disk(0, kBlocks);
 }
 
 void Fixture::TearDown() {
@@ -80,6 +67,16 @@ bool Fixture::dev_zero(int disk, uint64_t off, size_t len) const {
     return std::all_of(v.begin(), v.end(), [](uint8_t b) { return b == 0; });
 }
 
+TQvBlkInfo Fixture::head_on_disk(int disk, uint32_t block) const {
+    TQvBlkInfo h;
+    return std::memcpy(&h, read_dev(disk, block_addr(block), sizeof h).data(), sizeof h), h;
+}
+
+TQvBlkSliceInfo Fixture::entry_on_disk(int disk, uint32_t block, uint32_t slice) const {
+    TQvBlkSliceInfo e;
+    return std::memcpy(&e, read_dev(disk, block_addr(block) + uint64_t(slice) * 512, sizeof e).data(), sizeof e), e;
+}
+
 ::testing::AssertionResult Fixture::meta_on_disk_matches(int disk, bool region0, bool region1, bool headers) const {
     const TQvDiskShare& s = image(disk);
     auto same = [&](uint64_t off, const void* want, size_t len) {
@@ -101,25 +98,14 @@ bool Fixture::dev_zero(int disk, uint64_t off, size_t len) const {
 }
 
 int Fixture::fault(unsigned ops, uint64_t begin, uint64_t len, int disk, long shortBytes, int remaining) {
-    qvfs::plat::Fault f;
-    f.disk = disk;
-    f.begin = begin;
-    f.end = len > UINT64_MAX - begin ? UINT64_MAX : begin + len;
-    f.ops = ops;
-    f.short_bytes = shortBytes;
-    f.remaining = remaining;
-    return qvfs::plat::fault_add(f);
+    const uint64_t end = len > UINT64_MAX - begin ? UINT64_MAX : begin + len;
+    return qvfs::plat::fault_add(
+        {.disk = disk, .begin = begin, .end = end, .ops = ops, .short_bytes = shortBytes, .remaining = remaining});
 }
 
 TQvfsOpenParam Fixture::param(uint32_t chn, int32_t fileType, int32_t resSize, int32_t recType, int disk) const {
-    TQvfsOpenParam p{};
-    p.chn = chn;
-    p.startTime = 1700000000;
-    p.fileType = fileType;
-    p.resSize = resSize;
-    p.recType = recType;
+    TQvfsOpenParam p{chn, 1700000000, fileType, resSize, recType, 0, {}, "rvd", {}, 0};
     std::snprintf(p.path, sizeof p.path, "%s", Sandbox::device_path(disk).c_str());
-    std::snprintf(p.ext, sizeof p.ext, "rvd");
     return p;
 }
 
@@ -129,14 +115,6 @@ int32_t Fixture::alloc(int disk, uint32_t chn, int32_t fileType, int32_t len) co
     const int r = df_GetFileBlkId(&req, &id);
     EXPECT_EQ(r == 0 ? uint32_t(disk) : 77u, id.disk) << "the disk number is set on success only";
     return r == 0 ? id.block : -1;
-}
-
-int32_t Fixture::new_block(int disk, uint32_t chn, int32_t fileType, TQvBlkInfo h) const {
-    const int32_t b = alloc(disk, chn, fileType, 0x7FFFFFFF);
-    EXPECT_GE(b, 0) << "errno " << errno;
-    h.chn = chn;
-    if (b >= 0) put_head(disk, uint32_t(b), h);
-    return b;
 }
 
 Fixture::BFile Fixture::bf_create(const TQvfsOpenParam& req) {
@@ -165,9 +143,7 @@ int Fixture::owner_count(const TQvFileRec* rec, pid_t pid) {
     return -1;
 }
 
-bool Fixture::share_slot_used(uint32_t i) {
-    return g_stQvfsFileList->owner[i][0] != 0 || g_stQvfsFileList->owner[i][1] != 0;
-}
+bool Fixture::share_slot_used(uint32_t i) { return (g_stQvfsFileList->owner[i][0] | g_stQvfsFileList->owner[i][1]) != 0; }
 
 int Fixture::create(std::string* name, uint32_t chn, int32_t fileType, int32_t resSize, int32_t recType) const {
     TQvfsOpenParam p = param(chn, fileType, resSize, recType);

@@ -13,8 +13,8 @@
 //   ApiTest    qvfs_Init                     disk 0 as for FileTest
 // TearDown disarms the armed faults, closes the process's public handles
 // (ApiTest) and unmounts every disk for all processes, so that no flush runs
-// on images the sandbox deletes. Every helper works at every level; the
-// tf_/bf_ helpers need the layer started.
+// on images the sandbox deletes. Every helper works at every level once the
+// layer it calls is started.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -44,17 +44,14 @@
 namespace qvfs::test {
 
 inline constexpr uint64_t kGiB = 1ull << 30;
-
 // Size of a device that formats to exactly `blocks` blocks.
 inline constexpr uint64_t image_bytes_for(uint32_t blocks) {
     return qvfs::disk::kDataStart + (uint64_t(blocks) + 1) * kGiB;
 }
-// Device address of a block.
 inline constexpr uint64_t block_addr(uint32_t block) { return qvfs::disk::kDataStart + uint64_t(block) * kGiB; }
 
 // Deterministic test bytes: bytes from..from+len of stream `seed`.
 std::vector<uint8_t> pattern(uint32_t seed, uint64_t from, size_t len);
-
 // Block and slice number of a text name.
 uint32_t name_block(const std::string& name);
 uint32_t name_slice(const std::string& name);
@@ -69,7 +66,7 @@ protected:
 
     static constexpr uint32_t kBlocks = 4;
 
-    // Creates an image of `blocks` blocks, formats (mode 0) and mounts it; the device path.
+    // An image of `blocks` blocks, formatted (mode 0) and mounted; its device path.
     std::string ready_disk(int disk, uint32_t blocks);
     static TQvDiskShare& image(int disk) { return *g_astQvDisk[disk].share; }
 
@@ -77,21 +74,11 @@ protected:
     std::vector<uint8_t> read_dev(int disk, uint64_t off, size_t len) const;
     void write_dev(int disk, uint64_t off, const void* buf, size_t len) const;
     bool dev_zero(int disk, uint64_t off, size_t len) const;
-    template <class T>
-    T dev_rec(int disk, uint64_t off) const {
-        T t;
-        std::memcpy(&t, read_dev(disk, off, sizeof t).data(), sizeof t);
-        return t;
-    }
-    // A block header and a slice entry as stored on the device.
-    TQvBlkInfo head_on_disk(int disk, uint32_t block) const { return dev_rec<TQvBlkInfo>(disk, block_addr(block)); }
-    TQvBlkSliceInfo entry_on_disk(int disk, uint32_t block, uint32_t slice) const {
-        return dev_rec<TQvBlkSliceInfo>(disk, block_addr(block) + uint64_t(slice) * 512);
-    }
+    TQvBlkInfo head_on_disk(int disk, uint32_t block) const;
+    TQvBlkSliceInfo entry_on_disk(int disk, uint32_t block, uint32_t slice) const;
     void put_head(int disk, uint32_t block, const TQvBlkInfo& h) const { write_dev(disk, block_addr(block), &h, 512); }
-    // Both header copies (when `headers`), and the status map at both
-    // places and every table chunk of the chosen meta regions, as stored on
-    // the device, equal the shared image.
+    // Both header copies (when `headers`), the status map at both places and
+    // every table chunk of the chosen meta regions on the device equal the image.
     ::testing::AssertionResult meta_on_disk_matches(int disk, bool region0 = true, bool region1 = true,
                                                     bool headers = true) const;
 
@@ -99,34 +86,29 @@ protected:
     static int fault(unsigned ops, uint64_t begin = 0, uint64_t len = UINT64_MAX, int disk = -1,
                      long shortBytes = -1, int remaining = -1);
 
-    // A create request on a disk (default: disk 0).
+    // A create request on a disk; df_GetFileBlkId with it: the block, or -1.
     TQvfsOpenParam param(uint32_t chn = 1, int32_t fileType = 0, int32_t resSize = 0, int32_t recType = 5,
                          int disk = 0) const;
-    // df_GetFileBlkId on a disk: the block, or -1 (errno set).
     int32_t alloc(int disk, uint32_t chn, int32_t fileType = 0, int32_t len = 0) const;
-    // A newly allocated block (no current block has room for the length
-    // asked) whose header is `h` with the channel set.
-    int32_t new_block(int disk, uint32_t chn, int32_t fileType, TQvBlkInfo h = {}) const;
 
     struct BFile {  // a file created in the block-file layer
         TQvBlkRec* h = nullptr;
         char name[40] = {};
         TQvBlkSliceInfo slice{};
     };
-    // bf_CreateFile; a failure ends the test (the exception is reported).
-    static BFile bf_create(const TQvfsOpenParam& req);
-
     struct TFile {  // a file opened in the file layer
         TQvFileHandle* h = nullptr;
         std::string name;
     };
+    // bf_CreateFile / tf_OpenFile of a new file; a failure ends the test.
+    static BFile bf_create(const TQvfsOpenParam& req);
     TFile tf_create(int32_t fileType = 0, int32_t resSize = 0, uint32_t chn = 1, int32_t recType = 5) const;
     static TQvFileHandle* tf_open(const std::string& name);
     // The count of pid's owner slot of a file record; -1 when pid has none.
     static int owner_count(const TQvFileRec* rec, pid_t pid);
     static bool share_slot_used(uint32_t shareIndex);
 
-    // qvfs_OpenV2 (read-write) of a new file; the handle, its name in *name.
+    // qvfs_OpenV2 (read-write) of a new file on disk 0; the handle, its name in *name.
     int create(std::string* name, uint32_t chn = 1, int32_t fileType = 0, int32_t resSize = 0,
                int32_t recType = 5) const;
     // A closed new file holding `len` bytes of pattern(chn, 0, len).

@@ -10,6 +10,7 @@
 #include <sys/shm.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -36,12 +37,6 @@ std::string tmp_base() {
     std::string base = (t != nullptr && t[0] != '\0') ? t : "/tmp";
     while (base.size() > 1 && base.back() == '/') base.pop_back();
     return base;
-}
-
-std::string claim_name(int id) {
-    char name[16];
-    std::snprintf(name, sizeof name, "%06x", static_cast<unsigned>(id & 0xFFFFFF));
-    return name;
 }
 
 // EACCES means the object exists but is someone else's: in use all the same.
@@ -134,8 +129,9 @@ bool Sandbox::claim(int n) {
     std::vector<std::string> mine;
     bool ok = true;
     for (int id : {int(k & 0xFFFFFF), int(k + kLockOffset)}) {
-        const std::string c = claimDir_ + "/" + claim_name(id);
-        const int cfd = ::open(c.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0666);
+        char c[512];
+        std::snprintf(c, sizeof c, "%s/%06x", claimDir_.c_str(), unsigned(id & 0xFFFFFF));
+        const int cfd = ::open(c, O_WRONLY | O_CREAT | O_EXCL, 0666);
         if (cfd < 0) {
             ok = false;
             break;
@@ -180,20 +176,16 @@ void Sandbox::sweep_stale() {
     }
 }
 
-int Sandbox::share_key(int shareIndex) const {
-    return shareIndex >= 0 && shareIndex < kShareIndexes ? shareKeys_[shareIndex] : -1;
-}
+int Sandbox::share_key(int index) const { return index >= 0 && index < kShareIndexes ? shareKeys_[index] : -1; }
 
 int Sandbox::layer_key(int projId) const {
-    for (int j = 0; j < 6; ++j)
-        if (kLayerProjects[j] == projId) return layerKeys_[j];
-    return -1;
+    const int* p = std::find(kLayerProjects, kLayerProjects + 6, projId);
+    return p == kLayerProjects + 6 ? -1 : layerKeys_[p - kLayerProjects];
 }
 
 std::string Sandbox::device_path(int disk) {
     char buf[32];
-    std::snprintf(buf, sizeof buf, "/dev/scsi/host%02d/part1", disk);
-    return buf;
+    return std::snprintf(buf, sizeof buf, "/dev/scsi/host%02d/part1", disk), buf;
 }
 
 std::string Sandbox::real(const std::string& sysPath) const {
