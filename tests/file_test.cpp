@@ -77,8 +77,14 @@ TEST_F(FileTest, TheFileTableHolds1024Files) {
 
 TEST_F(FileTest, ProcessesShareOneRecordAndTheNinthHasNoOwnerSlot) {
     TFile f = tf_create();
-    const uint32_t index = uint32_t(f.h->rec->shareIndex);
+    TQvFileRec* rec = f.h->rec;
+    const uint32_t index = uint32_t(rec->shareIndex);
+    ASSERT_EQ(f.h, tf_open(f.name)) << "one handle per file and process";
+    EXPECT_EQ(std::make_tuple(2, 2, 2), std::make_tuple(f.h->inRef, rec->shrRef, owner_count(rec, getpid())));
+    ASSERT_EQ(0, tf_CloseFile(f.h));
     ASSERT_EQ(0, tf_CloseFile(f.h));  // children start with an empty file table
+    EXPECT_EQ(std::make_pair(false, -1), std::make_pair(share_slot_used(index), owner_count(rec, getpid())))
+        << "the record and the owner slot are given back (a pool record stays readable)";
     std::vector<Child> kids;
     for (int i = 0; i < 8; ++i) {
         kids.push_back(Child::spawn([name = f.name](ChildLink& link) {
@@ -92,7 +98,7 @@ TEST_F(FileTest, ProcessesShareOneRecordAndTheNinthHasNoOwnerSlot) {
     }
     TQvFileHandle* h = tf_open(f.name);
     ASSERT_NE(nullptr, h);
-    TQvFileRec* rec = h->rec;
+    rec = h->rec;
     EXPECT_EQ(std::make_tuple(index, 9, -1), std::make_tuple(uint32_t(rec->shareIndex), rec->shrRef, owner_count(rec, getpid())));
     ASSERT_EQ(0, tf_CloseFile(h));  // a pool record: it stays mapped
     EXPECT_EQ(8, rec->shrRef);
