@@ -217,7 +217,7 @@ TEST_F(StreamModel, SlowManySeeds) {
     for (uint32_t seed = 100; seed < 130;) ASSERT_TRUE(run(seed++, 1200));
 }
 
-// ---- rows computed by hand ----------------------------------------------------------
+// ---- rows computed by hand
 
 using Segs = std::vector<std::pair<uint32_t, uint32_t>>;  // {address, length} per segment
 
@@ -544,7 +544,6 @@ TEST(ApiBeforeInit, EveryCallThatTestsTheFlagFails) {
 
 // ---- handles, start and stop
 
-
 TEST_F(ApiTest, HandleValuesCarrySlotAndGenerationAndWrapAfter4096) {
     std::string name;
     const int first = create(&name);
@@ -816,7 +815,6 @@ TEST_F(ApiTest, InformationStatAndUnlinkGoThroughTheFile) {
 }
 
 // ---- disk management
-
 
 TEST_F(ApiTest, TheThreeFormatsPassModeAndSize) {
     const std::string d1 = sbx_.add_disk(1, image_bytes_for(2));

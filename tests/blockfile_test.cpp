@@ -17,7 +17,7 @@
 
 namespace {
 
-// ---- bf table
+// ---- the block-file table
 
 using namespace qvfs::bf;
 using namespace qvfs::test;
@@ -277,7 +277,7 @@ TEST_F(BlockTest, CreateFailuresLeaveNoHandleBehind) {
     bf_CloseFile(g.h);
 }
 
-// ---- bf io
+// ---- block I/O
 
 using qvfs::disk::QV_BLK_USED;
 using qvfs::plat::kFaultRead;
@@ -447,7 +447,7 @@ TEST_F(BlockIo, SyncFailuresAndEntriesOutsideTheDirectory) {
     EXPECT_EQ(0x300000u, f_.h->share->header.next);
 }
 
-// ---- bf unlink
+// ---- deletion, listing, states
 
 using namespace qvfs::disk;
 

@@ -28,7 +28,7 @@
 
 namespace {
 
-// ---- common naming
+// ---- naming
 
 using namespace qvfs::test;
 
@@ -171,8 +171,7 @@ TEST_F(SandboxTest, TheOnlineCheckIsSharedByEveryProcess) {
     qvfs::pool_reset_process_state();
 }
 
-// ---- common locks
-
+// ---- inter-process locks
 
 class Locks : public SandboxTest {
 protected:
@@ -282,7 +281,7 @@ TEST_F(Locks, AWaitSurvivesSignalsAndAKilledHolderGivesTheLockBack) {
     signal(SIGUSR1, SIG_DFL);
 }
 
-// ---- common pool
+// ---- keys and the shared record pool
 
 using Rec = unsigned char*;
 
@@ -470,7 +469,7 @@ TEST(SandboxTeardown, RemovesEveryObjectUnderItsKeys) {
     EXPECT_FALSE(std::filesystem::exists(root));
 }
 
-// ---- platform
+// ---- the platform
 
 namespace plat = qvfs::plat;
 using PlatformTest = SandboxTest;

@@ -19,7 +19,7 @@
 
 namespace {
 
-// ---- disk model
+// ---- the disk's tables against a model
 
 using namespace qvfs::disk;
 using namespace qvfs::test;
@@ -263,7 +263,7 @@ TEST_F(DiskModel, BadUnitRangesByHand) {
     }
 }
 
-// ---- disk alloc
+// ---- metadata writes hit by faults; two processes allocating
 
 using qvfs::plat::fault_clear;
 using qvfs::plat::kFaultWrite;
@@ -345,8 +345,7 @@ TEST_F(Alloc, TwoProcessesNeverShareABlock) {
     EXPECT_TRUE(meta_on_disk_matches(0));
 }
 
-// ---- disk format
-
+// ---- format
 
 class Format : public DiskTest {
 protected:
@@ -441,7 +440,7 @@ TEST_F(Format, ClearsBlockHeads) {
     EXPECT_EQ(std::make_tuple(0, 0, mark), std::make_tuple(at(d), at(d + 0x17FFFF), at(d + 0x180000)));
 }
 
-// ---- disk mount
+// ---- mount
 
 using qvfs::plat::kFaultRead;
 

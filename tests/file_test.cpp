@@ -15,7 +15,7 @@
 
 namespace {
 
-// ---- file table
+// ---- the file table
 
 using namespace qvfs::test;
 using qvfs::file::kFileTableSize;
@@ -110,8 +110,7 @@ TEST_F(FileTest, ProcessesShareOneRecordAndTheNinthHasNoOwnerSlot) {
     EXPECT_FALSE(share_slot_used(index));
 }
 
-// ---- file info
-
+// ---- status and information
 
 // A slice entry whose user-data area starts as `raw`, with guard bytes
 // behind it that no converter may touch.
@@ -295,7 +294,7 @@ TEST_F(FileTest, InformationMaskWalkAndPersistence) {
     EXPECT_EQ(0, tf_CloseFile(prev.h));
 }
 
-// ---- file taskcheck
+// ---- reclaiming the files of dead processes
 
 using qvfs::file::kPoolFileRecords;
 using qvfs::file::reclaim_vanished;
