@@ -103,7 +103,7 @@ TEST_F(CliDisk, DfAndDumpCountTheBlocksOfEachDataType) {
     rec(2, 3, kT0);                        // pictures: a block of their own
     sbx_.add_disk(5, image_bytes_for(2));  // present, never formatted: the run fails
     const ToolRun all = qvfs({"df", "--json"});  // every disk present
-    EXPECT_TRUE(fails_with(1, all, "qvfs: cannot mount disk 5 (/dev/scsi/host05/part1): not a formatted disk (1005)\n"));
+    EXPECT_TRUE(fails_with(1, all, "cannot mount disk 5 (/dev/scsi/host05/part1): not a formatted disk (1005)\n"));
     const Json j = Json::parse(all.out);
     ASSERT_EQ(2u, j["disks"].size()) << j.dump();
     const Json types = {{"REC", kGiB}, {"IMG", kGiB}, {"BACK", 0}, {"PIC", 0}, {"FPD", 0}, {"ITS", 0}};
@@ -268,7 +268,8 @@ TEST_F(CliDisk, HelpOnEveryLevel) {
     EXPECT_EQ(0, r.status) << r.describe();
     EXPECT_NE(std::string::npos, r.out.find("Usage: qvfs")) << r.out;
     for (const std::string sub : {"image", "format", "df", "blocks", "ls", "find", "stat", "cat", "export", "rm",
-                                  "lock", "unlock", "unlink-block", "tag-bad", "dump", "check", "import"}) {
+                                  "lock", "unlock", "unlink-block", "tag-bad", "clear-bad", "dump", "check",
+                                  "import"}) {
         EXPECT_NE(std::string::npos, r.out.find("  " + sub + " ")) << sub << " missing from\n" << r.out;
         const ToolRun h = qvfs({sub, "--help"});
         EXPECT_EQ(0, h.status) << sub << h.describe();
