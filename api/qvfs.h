@@ -228,7 +228,12 @@ QVFS_API int qvfs_Unlink(const char* path);
 
 /* Formats the whole device (mode 0), with a mode, or only its first size
  * bytes (mode 0). Every file on the disk is lost; the disk must be mounted
- * again afterwards. 0 or -1 (QVFS_ERR_FMT_TOOSMALL below 1 GiB). */
+ * again afterwards. 0 or -1 (QVFS_ERR_FMT_TOOSMALL for a size the layout
+ * does not fit: below 0x81100000 bytes, 2065 MiB). Blocks start at
+ * dataStart 0x41100000 and one block's worth at the device's end never
+ * belongs to a block, so a disk holds its first block from
+ * 0xC1100000 bytes (3089 MiB) on and one more per GiB; a size from 2065 up
+ * to 3089 MiB formats to 0 blocks. */
 QVFS_API int qvfs_Format(const char* path);
 QVFS_API int qvfs_FormatEx(const char* path, uint32_t mode);
 QVFS_API int qvfs_FormatMini(const char* path, uint64_t size);
@@ -277,6 +282,24 @@ typedef struct QvfsBlockStat {
     uint32_t endTimeHi; /* 7: high word */
 } QvfsBlockStat;
 
+/* Lifts the bad mark of a block after the disk was found sound again. The
+ * block's header on the device decides what it returns to: in use when the
+ * header counts files, or when a channel's current-block entry names the
+ * block; free otherwise (a header that is not zero is zeroed first, and the
+ * block-count entry its header names drops by one). The status map is
+ * written to both meta regions. Returns the new status, 0 free or 1 in use;
+ * -1: QVFS_ERR_NOTINIT, QVFS_ERR_BADARG (path names no disk, disk not
+ * mounted), QVFS_ERR_BADHANDLE (block beyond the disk), QVFS_ERR_NOTBAD (the
+ * block is not marked bad), QVFS_ERR_SYS + errno (the header cannot be read
+ * or the metadata not written: the mark stays); a null path returns -1 with
+ * errno untouched. Takes the disk's lock. */
+QVFS_API int qvfs_ClearBadBlock(const char* path, uint32_t blockId);
+/* Number of references all processes hold on the block's shared record:
+ * open files, writers, listings in progress; 0 when no process has the
+ * block loaded. Neither loads the block nor reads the disk, so the answer
+ * may change as soon as it is given. -1: QVFS_ERR_NOTINIT, QVFS_ERR_BADARG
+ * (disk above 24), QVFS_ERR_BADHANDLE (block 131072 or more). */
+QVFS_API int qvfs_GetBlockUsers(uint32_t disk, uint32_t blockId);
 /* Marks a block for release: it goes back to the disk, with every file in
  * it, as soon as no process uses it. Does not test the initialised flag.
  * 0, or -1 when the block cannot be loaded. */

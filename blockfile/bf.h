@@ -161,6 +161,12 @@ QVFS_API int bf_BlockStatSeg(TQvBlkSegQuery* query);
 QVFS_API int bf_GetBlockStat(uint32_t disk, uint32_t blkId, TQvBlkStat* out);
 // The header's cnt, or 0 (1001 for a null path).
 QVFS_API int bf_GetBlockFileNum(const char* path, uint32_t blkId);
+// Number of references all processes hold on the block's shared record
+// (open files, writers, listings in progress), 0 when no process has the
+// block loaded. Does not load the block or read the disk. -1 with 1001 for a
+// disk above 24, 1002 for a block number of 131072 or more. Takes
+// g_tBlkFileMutex.
+QVFS_API int bf_GetBlockUsers(uint32_t disk, uint32_t blkId);
 // Scans n <= 1024 sectors of buf for live entries (bytes 8..11 "QVND" in any
 // case) and fills at most n status records. Returns the number filled.
 QVFS_API int _bf_ScanSlices(const TQvBlkRec* handle, const void* buf, TQvFileStat* out, int n);

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "blockfile/bf.h"
+#include "keys.h"
 #include "platform.h"
 #include "proc_lock.h"
 
@@ -243,6 +244,21 @@ QVFS_API int bf_GetBlockFileNum(const char* path, uint32_t blkId) {
     }
     _bf_PutBlock(h);
     return cnt;
+}
+
+QVFS_API int bf_GetBlockUsers(uint32_t disk, uint32_t blkId) {
+    if (disk >= QVFS_MAX_DISKS) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    if (blkId >= qvfs::disk::kMaxBlocks) {
+        errno = QVFS_ERR_BADHANDLE;
+        return -1;
+    }
+    // Loads and drops change the count under this lock only.
+    ProcLockGuard tableLock(g_tBlkFileMutex);
+    const int32_t refs = blkfile_record_refs(block_owner_key(disk, static_cast<int32_t>(blkId)));
+    return refs > 0 ? refs : 0;
 }
 
 }  // extern "C"

@@ -106,6 +106,14 @@ int layer_key(int projId);
 // plus 0x10000; -1 when the share key cannot be had.
 int record_lock_key(uint32_t shareIndex);
 
+// Number of references all processes hold on the block-file record
+// registered under ownerKey (its shrRef), 0 when no record is registered
+// under that key. Registers, creates and attaches nothing for good: a record
+// in its own segment is attached read-only for the read and detached again.
+// The caller holds g_tBlkFileMutex, which guards the owner slots of
+// block-file records and their counts.
+int32_t blkfile_record_refs(uint64_t ownerKey);
+
 // One entry of the per-process share table (one per disk), filled by
 // fsc_DfMalloc. All zero until then.
 struct ShareEntry {

@@ -386,6 +386,24 @@ int record_lock_key(uint32_t shareIndex) {
     return static_cast<int>(static_cast<uint32_t>(key) + kRecordLockKeyOffset);
 }
 
+int32_t blkfile_record_refs(uint64_t ownerKey) {
+    if (ownerKey == 0 || g_stQvfsFileList == nullptr || g_stQvfsShrPool == nullptr) return 0;
+    for (uint32_t s = 0; s < kSlotsPerKind; ++s) {
+        const uint32_t index = kBlkFileIndexBase + s;
+        if (owner_of(index) != ownerKey) continue;
+        if (s < kPoolSlotsPerKind) return rec_i32(pool_record(kBlkFileKind, s), kBlkRecShrRefOff);
+        // Its own segment: looked up, never created.
+        const int key = fsc_GetShmKey(static_cast<int>(index));
+        const int id = key == -1 ? -1 : shmget(key, 0, 0);
+        void* rec = id < 0 ? reinterpret_cast<void*>(-1) : shmat(id, nullptr, SHM_RDONLY);
+        if (rec == reinterpret_cast<void*>(-1)) return 0;  // registered, but its segment is gone
+        const int32_t refs = rec_i32(rec, kBlkRecShrRefOff);
+        shmdt(rec);
+        return refs;
+    }
+    return 0;
+}
+
 const ShareEntry& share_entry(int disk) {
     static const ShareEntry kNone{};
     if (disk < 0 || disk >= QVFS_MAX_DISKS) return kNone;

@@ -60,6 +60,7 @@ QVFS_API uint32_t df_IsBlockAllocated(uint32_t disk, int32_t block);
 // ---- bad blocks ----
 QVFS_API int df_TagBadBlock(uint32_t disk, int32_t block);
 QVFS_API int df_TagBadUnit(const char* path, uint64_t offset, uint32_t length);
+QVFS_API int df_ClearBadBlock(uint32_t disk, int32_t block);
 
 // ---- usage queries and dump ----
 QVFS_API uint32_t df_GetDiskUsedBlockNum(const char* path);

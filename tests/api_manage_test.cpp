@@ -53,6 +53,7 @@ TEST_F(ApiManage, NullPointersLeaveErrnoAlone) {
     EXPECT_ERR(-1, 0, qvfs_GetUsedSizeOfDataType(nullptr, 0, 0)); EXPECT_ERR(-1, 0, qvfs_TagBadUnit(nullptr, 0, 512));
     EXPECT_ERR(-1, 0, qvfs_BlockStat(nullptr, 0, &st, 1)); EXPECT_ERR(-1, 0, qvfs_BlockStat(p, 0, nullptr, 1));
     EXPECT_ERR(-1, 0, qvfs_BlockStatSeg(nullptr)); EXPECT_ERR(-1, 0, qvfs_GetFileNum(nullptr, 0));
+    EXPECT_ERR(-1, 0, qvfs_ClearBadBlock(nullptr, 0));
     EXPECT_EQ(kBlocks, blocks_of(disk_)) << "the disk is untouched";
 }
 

@@ -161,6 +161,8 @@ const Damage kDamages[] = {
      "counts 2 files (cnt) but the slice directory holds 1 live entry", 1},
     {"EntryOfAnotherChannel", [](CliCheck& t) { t.put(entry_at(0, 3) + offsetof(TQvBlkSliceInfo, chn), uint32_t{9}); },
      "slice-entry", 0, "slice 3: channel 9 differs from the block's channel 1", 1},
+    {"NameNotText", [](CliCheck& t) { t.put(entry_at(0, 1) + offsetof(TQvBlkSliceInfo, ext), uint16_t{0xFF01}); },
+     "slice-entry", 0, "slice 1: damaged name: check code", 1},
     {"FreeBlockWithAHeader", [](CliCheck& t) { t.put(block_at(3) + offsetof(TQvBlkInfo, chn), uint32_t{7}); },
      "free-header", 3, "block 3: marked free but its header is not zero", 1},
     {"HeaderNotAcceptable", [](CliCheck& t) { t.put(block_at(0) + offsetof(TQvBlkInfo, slice), uint32_t{5000}); },
