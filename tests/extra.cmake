@@ -38,6 +38,9 @@ if(TARGET install_test)
   endforeach()
 endif()
 
+# The package retries and the System V listing that CI relies on.
+add_test(NAME ci_scripts COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/ci_scripts_check.sh)
+
 # The demo, run briefly inside a test sandbox.
 if(TARGET api_demo_test AND TARGET qvfs-demo)
   string(REPLACE ";" " " QVFS_DEMO_RUNNER "${CMAKE_CROSSCOMPILING_EMULATOR}")
