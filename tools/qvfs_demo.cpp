@@ -168,10 +168,8 @@ const uint8_t* stream_at(int chn, uint64_t s) { return g_pattern[size_t(chn)].da
 std::vector<qvfs::tools::RootIpcObject> sandbox_ipc(const std::string& root, pid_t* attachedPid) {
     auto objs = qvfs::tools::root_ipc_objects(root);
     if (attachedPid != nullptr) *attachedPid = 0;
-    for (const auto& o : objs) {
-        const auto pids = qvfs::tools::attached_pids(o);
-        if (!pids.empty() && attachedPid != nullptr) *attachedPid = pids.front();
-    }
+    for (const auto& o : objs)
+        if (!o.users.empty() && attachedPid != nullptr) *attachedPid = o.users.front();
     return objs;
 }
 

@@ -13,6 +13,7 @@
 #include <sys/shm.h>
 #include <sys/types.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -33,7 +34,7 @@ struct RootIpcObject {
     uint64_t size = 0;      // segment bytes, or the number of semaphores
     uint64_t attached = 0;  // processes attached to a segment (0 for semaphores)
     pid_t creator = 0;      // segment: the process that created it
-    pid_t last = 0;         // segment: the last to attach or detach
+    std::vector<pid_t> users;  // segment: the processes attached to it
 };
 
 namespace detail {
@@ -71,17 +72,41 @@ inline std::map<key_t, std::string> root_keys(const std::string& root) {
     return keys;
 }
 
+// The processes attached to System V segments, by key, as their memory maps
+// name the segments ("/SYSV0000abcd").
+inline std::map<key_t, std::vector<pid_t>> attachments() {
+    std::map<key_t, std::vector<pid_t>> out;
+    DIR* d = ::opendir("/proc");
+    if (d == nullptr) return out;
+    while (const dirent* e = ::readdir(d)) {
+        const pid_t pid = pid_t(std::strtol(e->d_name, nullptr, 10));
+        if (pid <= 0) continue;
+        std::ifstream maps(std::string("/proc/") + e->d_name + "/maps");
+        std::vector<key_t> seen;
+        for (std::string line; std::getline(maps, line);) {
+            const size_t at = line.find("/SYSV");
+            if (at == std::string::npos) continue;
+            const key_t k = key_t(std::strtoul(line.c_str() + at + 5, nullptr, 16));
+            if (std::find(seen.begin(), seen.end(), k) == seen.end()) seen.push_back(k);
+        }
+        for (key_t k : seen) out[k].push_back(pid);
+    }
+    ::closedir(d);
+    return out;
+}
+
 }  // namespace detail
 
 // The objects that exist under the root's keys, segments before semaphore
-// sets, each in key order. root "" is the real system root.
+// sets, each in key order, with the processes attached to the segments.
+// root "" is the real system root.
 inline std::vector<RootIpcObject> root_ipc_objects(const std::string& root) {
     std::vector<RootIpcObject> segs, sems;
     for (const auto& [key, what] : detail::root_keys(root)) {
         const int shm = ::shmget(key, 0, 0);
         shmid_ds ds{};
         if (shm >= 0 && ::shmctl(shm, IPC_STAT, &ds) == 0)
-            segs.push_back({true, shm, key, what, ds.shm_segsz, ds.shm_nattch, ds.shm_cpid, ds.shm_lpid});
+            segs.push_back({true, shm, key, what, ds.shm_segsz, ds.shm_nattch, ds.shm_cpid, {}});
         const int sem = ::semget(key, 0, 0);
         if (sem >= 0) {
             semid_ds sd{};
@@ -91,35 +116,24 @@ inline std::vector<RootIpcObject> root_ipc_objects(const std::string& root) {
             } arg{};
             arg.buf = &sd;
             const uint64_t n = ::semctl(sem, 0, IPC_STAT, arg) == 0 ? sd.sem_nsems : 0;
-            sems.push_back({false, sem, key, what, n, 0, 0, 0});
+            sems.push_back({false, sem, key, what, n, 0, 0, {}});
+        }
+    }
+    // Who is attached, for the segments that say someone is; the segment's
+    // last attacher where /proc does not show the process (another pid
+    // namespace).
+    if (std::any_of(segs.begin(), segs.end(), [](const RootIpcObject& o) { return o.attached > 0; })) {
+        const auto users = detail::attachments();
+        for (RootIpcObject& o : segs) {
+            if (o.attached == 0) continue;
+            const auto it = users.find(o.key);
+            if (it != users.end()) o.users = it->second;
+            shmid_ds ds{};
+            if (o.users.empty() && ::shmctl(o.id, IPC_STAT, &ds) == 0 && ds.shm_lpid > 0) o.users.push_back(ds.shm_lpid);
         }
     }
     segs.insert(segs.end(), sems.begin(), sems.end());
     return segs;
-}
-
-// The processes attached to a segment, as their memory maps name it; the
-// segment's last attacher when /proc does not tell (another pid namespace).
-inline std::vector<pid_t> attached_pids(const RootIpcObject& o) {
-    std::vector<pid_t> pids;
-    if (!o.segment || o.attached == 0) return pids;
-    char name[24];
-    std::snprintf(name, sizeof name, "/SYSV%08x", unsigned(o.key));
-    if (DIR* d = ::opendir("/proc")) {
-        while (const dirent* e = ::readdir(d)) {
-            const pid_t pid = pid_t(std::strtol(e->d_name, nullptr, 10));
-            if (pid <= 0) continue;
-            std::ifstream maps(std::string("/proc/") + e->d_name + "/maps");
-            for (std::string line; std::getline(maps, line);)
-                if (line.find(name) != std::string::npos) {
-                    pids.push_back(pid);
-                    break;
-                }
-        }
-        ::closedir(d);
-    }
-    if (pids.empty() && o.last > 0) pids.push_back(o.last);
-    return pids;
 }
 
 // Removes the objects; the number removed.

@@ -22,7 +22,7 @@ int cmd_ipc() {
     const auto objs = tools::root_ipc_objects(g.root);
     if (g_remove) {
         for (const auto& o : objs) {
-            const auto pids = tools::attached_pids(o);
+            const auto& pids = o.users;
             if (pids.empty()) continue;
             throw Failure(fmt::format("cannot remove the System V objects of root {}: process {} is attached to "
                                       "segment {:#010x} ({}){}; nothing removed",
@@ -45,7 +45,7 @@ int cmd_ipc() {
                 j["bytes"] = o.size;
                 j["attached"] = o.attached;
                 j["creator_pid"] = o.creator;
-                j["attached_pids"] = tools::attached_pids(o);
+                j["attached_pids"] = o.users;
             } else {
                 j["semaphores"] = o.size;
             }
@@ -64,7 +64,7 @@ int cmd_ipc() {
         std::string att = "-";
         if (o.segment) {
             ++segs;
-            const auto pids = tools::attached_pids(o);
+            const auto& pids = o.users;
             busy += pids.empty() ? 0 : 1;
             att = pids.empty() ? "0" : fmt::format("{} (pid {})", o.attached, fmt::join(pids, ", "));
         }

@@ -79,7 +79,7 @@ int refresh(ViewDisk& v) {
         v.channels.clear();
         for (const BlockRow& b : used_blocks(v.disk))
             for (const FileRow& f : block_files(v.disk, b.block)) v.channels[f.channel][view_name(f)] = f.name;
-    } catch (const Failure&) {
+    } catch (const std::exception&) {  // nothing may leave a FUSE callback
         v.valid = false;
         return -EIO;
     }
@@ -112,7 +112,8 @@ int resolve(const char* path, Where* w) {
     if (w->disk == nullptr) return -ENOENT;
     if (parts.size() == 1) return 0;
     const std::string& ch = parts[1];
-    if (ch.size() < 5 || ch.compare(0, 2, "ch") != 0 || ch.find_first_not_of("0123456789", 2) != std::string::npos)
+    if (ch.size() < 5 || ch.size() > 6 || ch.compare(0, 2, "ch") != 0 ||
+        ch.find_first_not_of("0123456789", 2) != std::string::npos)
         return -ENOENT;
     w->channel = static_cast<uint32_t>(std::stoul(ch.substr(2)));
     if (ch != fmt::format("ch{:03}", *w->channel)) return -ENOENT;
