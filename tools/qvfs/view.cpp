@@ -294,6 +294,7 @@ int serve(const std::string& dir, const std::function<void()>& ready) {
     struct fuse_args args = FUSE_ARGS_INIT(3, const_cast<char**>(argv));
     const struct fuse_operations ops = operations();
     struct fuse* fuse = fuse_new(&args, &ops, sizeof ops, nullptr);
+    fuse_opt_free_args(&args);
     if (fuse == nullptr) throw Failure("cannot start the FUSE file system");
     if (fuse_mount(fuse, dir.c_str()) != 0) {
         fuse_destroy(fuse);
