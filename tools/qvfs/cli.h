@@ -174,6 +174,11 @@ std::vector<FileRow> block_files(const Disk& d, uint32_t block);
 void add_disk_commands(CLI::App& app);
 void add_file_commands(CLI::App& app);
 void add_check_command(CLI::App& app);
+void add_ipc_command(CLI::App& app);
+void add_timeline_command(CLI::App& app);
+#ifdef QVFS_TOOL_FUSE
+void add_view_command(CLI::App& app);
+#endif
 void set_action(std::function<int()> action);
 
 }  // namespace qvfs::cli
