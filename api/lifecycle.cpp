@@ -31,10 +31,12 @@ extern "C" {
 int qvfs_Init(void) {
     // A second call in a started process changes nothing: its handles stay
     // valid and the layers keep their tables. A forked child inherits the
-    // flag but not the threads, and starts the library afresh.
+    // flag but not the threads, and starts the library afresh; so does a
+    // process whose shared locks were removed under it (its state is gone).
     MutexGuard once(g_initMutex);
     const pid_t self = getpid();
-    if (g_initialised.load(std::memory_order_acquire) == 1 && g_initPid == self) return 0;
+    if (g_initialised.load(std::memory_order_acquire) == 1 && g_initPid == self && qvfs::lock_exists(g_qvFileMutex))
+        return 0;
     // A key directory that cannot be made is not reported here: the key
     // files cannot be created then, and the layers' key calls fail below or
     // later with the system's code.

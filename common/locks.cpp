@@ -16,6 +16,7 @@
 #include <cerrno>
 
 #include "fsc.h"
+#include "proc_lock.h"
 
 namespace {
 
@@ -65,6 +66,18 @@ int fsc_ProcLockInit(int key) {
     errno += QVFS_ERR_SYS;
     return -1;
 }
+
+namespace qvfs {
+
+bool lock_exists(int semId) {
+    if (semId < 0) return false;
+    const int saved = errno;
+    const bool exists = semctl(semId, 0, GETVAL) >= 0;
+    errno = saved;
+    return exists;
+}
+
+}  // namespace qvfs
 
 void fsc_ProcLock(int semId) { sem_step(semId, -1); }
 

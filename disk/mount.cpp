@@ -162,9 +162,10 @@ QVFS_API uint64_t g_ullUnitSize = 0;
 
 // Once per process: a second call in the same process changes nothing
 // (the flush thread is reading the table), while a forked child, which
-// inherits the table but not the thread, starts over.
+// inherits the table but not the thread, starts over, and so does a process
+// whose locks were removed under it.
 int df_Init(void) {
-    if (g_initPid.load() == getpid()) return 0;
+    if (g_initPid.load() == getpid() && qvfs::lock_exists(g_tTimerMutex)) return 0;
     int failures = 0;
     for (uint32_t i = 0; i < QVFS_MAX_DISKS; ++i) {
         TQvDiskRec& d = rec(i);
