@@ -126,9 +126,10 @@ QVFS_API int tf_ftruncate(TQvFileHandle* handle, uint64_t length);
 // startTime, usrParam and name of stat; the other bytes stay. 0, or -1 with
 // 1001 for a null argument or a handle without record.
 QVFS_API int tf_GetFileStat(TQvFileStat* stat, TQvFileHandle* handle);
-// Copies lock, recType, endTime (from st_mtime), chn, startTime, usrParam
-// and name back into the record and stores the entry: bf_Sync's result, or
-// -1 with 1001 as above.
+// Copies lock, recType, endTime (from st_mtime), chn, startTime and usrParam
+// back into the record and stores the entry under the per-file lock, then
+// the name under g_qvFileMutex (the two are never held together):
+// bf_Sync's result, or -1 with 1001 as above.
 QVFS_API int tf_SetFileStat(const TQvFileStat* stat, TQvFileHandle* handle);
 
 // Information mask bits; the items belong in order to the set bits the call
