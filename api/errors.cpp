@@ -43,6 +43,8 @@ constexpr CodeText kTexts[] = {
     {QVFS_ERR_CHANNEL, "channel number out of range (0 to 1023)"},
     {QVFS_ERR_BLOCKRANGE, "offset or length beyond the block"},
     {QVFS_ERR_TOOMANYBLOCKS, "too many blocks loaded in this process"},
+    {QVFS_ERR_DAMAGED, "the disk's header or a file entry does not match the format or the device: "
+                       "damaged metadata or a truncated device"},
     {QVFS_ERR_FMT_NOSHARE, "format: the disk's shared image is not available"},
     {QVFS_ERR_NOTBAD, "the block is not marked bad"},
     {QVFS_ERR_FMT_TOOSMALL, "format: device or size too small to hold a block (a disk needs at least 3089 MiB)"},

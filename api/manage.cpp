@@ -134,6 +134,10 @@ int qvfs_GetBlockUsers(uint32_t disk, uint32_t blockId) {
 int qvfs_BlockUnlink(uint32_t disk, uint32_t blockId) { return bf_BlockUnlink(disk, blockId); }
 
 int qvfs_GetBlockStat(uint32_t disk, uint32_t blockId, QvfsBlockStat* out) {
+    if (out == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
     TQvBlkStat raw;
     std::memset(&raw, 0, sizeof raw);
     const int r = bf_GetBlockStat(disk, blockId, &raw);

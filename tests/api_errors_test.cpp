@@ -16,7 +16,7 @@ TEST(ErrorString, EveryLibraryCodeHasItsOwnWords) {
     const int codes[] = {QVFS_ERR_BADARG,       QVFS_ERR_BADHANDLE,  QVFS_ERR_DISKNUM,       QVFS_ERR_NOTFORMATTED,
                          QVFS_ERR_NOMEM,        QVFS_ERR_PROJID,     QVFS_ERR_OLDVERSION,    QVFS_ERR_INITFAILED,
                          QVFS_ERR_CHANNEL,      QVFS_ERR_BLOCKRANGE, QVFS_ERR_TOOMANYBLOCKS, QVFS_ERR_FMT_NOSHARE,
-                         QVFS_ERR_FMT_TOOSMALL, QVFS_ERR_NOTINIT,    QVFS_ERR_NOTBAD,        0};
+                         QVFS_ERR_FMT_TOOSMALL, QVFS_ERR_NOTINIT,    QVFS_ERR_NOTBAD,        QVFS_ERR_DAMAGED, 0};
     for (int c : codes) {
         const char* s = qvfs_ErrorString(c);
         ASSERT_NE(nullptr, s) << c;

@@ -273,7 +273,7 @@ TEST_F(ApiHandles, PreRecordCallsPassTheirValuesThrough) {
     EXPECT_EQ(0, qvfs_ftruncate(h, 0x20000 + 2));
     EXPECT_EQ(-1, qvfs_ftruncate(h, 0x20000 - 1));
     // Pointers are widened with their sign.
-    EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, qvfs_UpdataePreRecPtr(h, -1, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, qvfs_UpdataePreRecPtr(h, -1, 0));  // outside the ring
     EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, qvfs_ftruncate(h, (int64_t(1) << 30) + 1));
     EXPECT_EQ(0, qvfs_Close(h));
     std::vector<uint8_t> kept(ring.begin() + 0x30000, ring.end());

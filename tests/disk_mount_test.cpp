@@ -39,15 +39,15 @@ TEST_F(MountTest, DamagedImagesFailCleanlyAndUnreadableCopiesAreSkipped) {
     const std::string p = ready_disk(1, 2);
     ASSERT_EQ(0, df_DiskUnmout(p.c_str(), 1));
     patch_head(1, 64, kMaxBlocks + 1);  // tolblk
-    expect_failed_mount(p, 1, QVFS_ERR_BADHANDLE);
+    expect_failed_mount(p, 1, QVFS_ERR_DAMAGED);
     patch_head(1, 4, 'X');  // "QVFSX": the magic must end after four letters
     expect_failed_mount(p, 1, QVFS_ERR_NOTFORMATTED);
 
-    // A device cut short behind its header: the status map cannot be read.
+    // A device cut short behind its header: shorter than the header says.
     const std::string cut = ready_disk(2, 2);
     ASSERT_EQ(0, df_DiskUnmout(cut.c_str(), 1));
     ASSERT_EQ(0, ::truncate(sbx_.image_path(2).c_str(), map_second(0)));
-    expect_failed_mount(cut, 2, QVFS_ERR_SYS);
+    expect_failed_mount(cut, 2, QVFS_ERR_DAMAGED);
     // The next mount gets the image again from the pool.
     ASSERT_EQ(0, ::truncate(sbx_.image_path(2).c_str(), image_bytes_for(2)));
     ASSERT_EQ(0, df_DiskMount(cut.c_str()));

@@ -55,7 +55,7 @@ TEST(FileMapTest, PositionsOntoBlockAddresses) {
         {plain, top - 4, 100, false, {{0x7FFFFFFB, 4}}},
         {plain, top, 1, false, {}},
         {damaged, 0, 16, true, {}},
-        {res, 0xFFFF0, 0x20, true, {{0x2FFFF0, 0x20}}},  // linear from resStart, past resEnd
+        {res, 0xFFFF0, 0x20, false, {{0x2FFFF0, 0x10}}},  // linear from resStart, never past resEnd
         {ring, 0xFFF0, 0x20, true, {{0x21FFF0, 0x10}, {0x300000, 0x10}}},
         {ring, 0x10100, 1, true, {}},
         {ring, 0x10100, 0x10, false, {{0x300100, 0x10}}},
@@ -83,7 +83,7 @@ TEST(FileNoDiskTest, BlockSizeZeroRefusesGrowthAndPointers) {
     iovec one{&byte, 1};
     EXPECT_EQ(-1, tf_Writev(0, &one, 1, &h));
     EXPECT_EQ(-1, tf_Write(0, &byte, 1, &h));
-    EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, tf_UpdataePreRecPtr(&h, 1, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, tf_UpdataePreRecPtr(&h, 1, 0));  // no reserved area
     EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, tf_ftruncate(&h, 1));
     EXPECT_EQ(0x200000u, rec.slice.dataEnd);
     EXPECT_EQ(0u, rec.slice.preStart);
@@ -173,15 +173,15 @@ TEST_F(FileIoTest, PreRecordRingPlainWrappedAndEmptyAndTruncation) {
     const uint64_t S = s.resStart;
     ASSERT_EQ(S + kRes, s.resEnd);
 
-    // Before the pointers are set the reserved area is written and read
-    // linearly; reads are not bounded by dataEnd but by the block's end.
+    // Before the pointers are set the file is its reserved area, written and
+    // read linearly; reads end at the bytes written, and a write that does
+    // not fit in the area is refused whole.
     const std::string ring = pattern(kRes, 4), data = pattern(0x2000, 5);
     ASSERT_EQ(int(kRes), tf_Write(0, ring.data(), kRes, f.h));
-    EXPECT_EQ(ring + std::string(0x1000, '\0'), read(f.h, 0, kRes + 0x1000));
-    const uint32_t toEnd = uint32_t(df_GetDiskUnitSize() - S);
-    char edge[100];
-    EXPECT_EQ(10, tf_Read(toEnd - 10, edge, sizeof edge, f.h));
-    EXPECT_EQ(-1, tf_Read(toEnd, edge, sizeof edge, f.h));
+    EXPECT_EQ(ring, read(f.h, 0, kRes + 0x1000));
+    char edge[100] = {};
+    EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, tf_Write(kRes - 10, edge, sizeof edge, f.h));
+    EXPECT_EQ(-1, tf_Read(kRes, edge, sizeof edge, f.h));
 
     // A plain ring, then data behind it; truncation to exactly the ring's
     // length empties the data, one byte less is refused.
@@ -221,7 +221,7 @@ TEST_F(FileIoTest, PreRecordRingPlainWrappedAndEmptyAndTruncation) {
     EXPECT_EQ("head", read(f.h));
     EXPECT_EQ("head", bytes_on_disk(f.name, S + kRes, 4));
 
-    EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, tf_UpdataePreRecPtr(f.h, df_GetDiskUnitSize() + 1, 0));
+    EXPECT_ERR(-1, QVFS_ERR_BADARG, tf_UpdataePreRecPtr(f.h, kRes, 0));  // outside the ring
     EXPECT_EQ(S + 0x2000, s.preStart);
     EXPECT_EQ(-1, tf_UpdataePreRecPtr(nullptr, 0, 0));
     EXPECT_EQ(-1, tf_ftruncate(nullptr, 0));
