@@ -217,6 +217,16 @@ uint64_t ring_length(const TQvBlkSliceInfo& e);
 // wraps whatever a damaged entry holds.
 uint64_t file_length(const TQvBlkSliceInfo& e);
 
+// The highest block offset a file may reach without touching another
+// file's bytes. Files of a block are laid out in the order they were created,
+// each starting at the header's `next` of its creation, which is never below
+// the 4 KiB rounding of the file before it. So only the newest file of the
+// block (its slice number is the header's `slice`) may grow on to the block's
+// end; an older one keeps to its reserved area before its ring pointers are
+// set, else to its data end rounded up to 4 KiB. The header's `slice` is read
+// without the record lock: it only rises while the block holds files.
+uint64_t growth_limit(const TQvBlkRec* h, const TQvBlkSliceInfo& e, uint64_t unitSize);
+
 // Whether an entry read from disk describes regions that lie in the block's
 // data area [dataArea, unitSize) in one of the shapes above, so that every
 // address the file layer computes from it stays there.

@@ -125,7 +125,8 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     }
 
     hd.cnt += 1;
-    hd.slice += 1;
+    // Read without the record lock by the growth limit of the block's files.
+    __atomic_store_n(&hd.slice, hd.slice + 1, __ATOMIC_RELAXED);
     hd.chn = req->chn;
     hd.dataType = blkType;
     if (hd.cnt == 1) {

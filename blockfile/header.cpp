@@ -92,6 +92,14 @@ uint64_t file_length(const TQvBlkSliceInfo& e) {
     return ring_length(e) + span(e.dataStart, e.dataEnd);
 }
 
+uint64_t growth_limit(const TQvBlkRec* h, const TQvBlkSliceInfo& e, uint64_t unitSize) {
+    if (h == nullptr || h->share == nullptr) return unitSize;  // the transfer itself refuses
+    const uint32_t newest = __atomic_load_n(&h->share->header.slice, __ATOMIC_RELAXED);
+    if (e.sliceID >= newest) return unitSize;
+    if (has_ring_area(e) && !ring_set(e)) return e.resEnd;
+    return (e.dataEnd + (kSpaceAlign - 1)) & ~(kSpaceAlign - 1);
+}
+
 }  // namespace qvfs::bf
 
 extern "C" {

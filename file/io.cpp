@@ -95,11 +95,22 @@ using namespace qvfs::file;
 
 namespace {
 
+// A file whose data would end beyond what it may reach (a newer file of the
+// block starts there) is refused whole: 1012, and the handle's errNo says the
+// block is full, which tells a recorder to go on in a new file.
+bool refuse_overgrowth(TQvFileHandle* h, uint64_t end) {
+    if (end <= qvfs::bf::growth_limit(h->blkFile, h->rec->slice, df_GetDiskUnitSize())) return false;
+    h->errNo = qvfs::bf::kXferNearFull;
+    errno = QVFS_ERR_BLOCKRANGE;
+    return true;
+}
+
 // Maps a write, which goes whole or not at all: a range the file's parts
 // cannot take entire (the reserved area before the ring pointers are set, or
 // beyond the highest address a write may reach) is refused with 1012 before
 // a byte moves. The number of segments, or -1.
-int map_write(uint32_t pos, uint32_t len, const TQvBlkSliceInfo& s, uint32_t* addr, uint32_t* lens) {
+int map_write(uint32_t pos, uint32_t len, TQvFileHandle* h, uint32_t* addr, uint32_t* lens) {
+    const TQvBlkSliceInfo& s = h->rec->slice;
     int n = _tf_MapSegments(pos, len, &s, addr, lens, 0);
     if (n < 0) return -1;
     uint64_t mapped = 0;
@@ -108,7 +119,7 @@ int map_write(uint32_t pos, uint32_t len, const TQvBlkSliceInfo& s, uint32_t* ad
         errno = QVFS_ERR_BLOCKRANGE;
         return -1;
     }
-    return n;
+    return refuse_overgrowth(h, uint64_t(addr[n - 1]) + lens[n - 1]) ? -1 : n;
 }
 
 }  // namespace
@@ -172,7 +183,7 @@ int tf_Write(uint32_t pos, const void* buf, uint32_t len, TQvFileHandle* handle)
     }
     ProcLockGuard file(handle->lockId);
     uint32_t addr[kMaxSegments], lens[kMaxSegments];
-    int n = map_write(pos, len, handle->rec->slice, addr, lens);
+    int n = map_write(pos, len, handle, addr, lens);
     if (n < 0) return -1;
     auto* in = static_cast<const unsigned char*>(buf);
     int last = 0;
@@ -194,7 +205,7 @@ int tf_Writev(uint32_t pos, const struct iovec* iov, int iovcnt, TQvFileHandle* 
 
     ProcLockGuard file(handle->lockId);
     uint32_t addr[kMaxSegments], lens[kMaxSegments];
-    int n = map_write(pos, sum, handle->rec->slice, addr, lens);
+    int n = map_write(pos, sum, handle, addr, lens);
     if (n < 0) return -1;
 
     int last = 0;
@@ -298,6 +309,7 @@ int tf_ftruncate(TQvFileHandle* handle, uint64_t length) {
         errno = QVFS_ERR_BLOCKRANGE;
         return -1;
     }
+    if (s.dataStart + data > s.dataEnd && refuse_overgrowth(handle, s.dataStart + data)) return -1;
     s.dataEnd = s.dataStart + data;
     return bf_Sync(&s, handle->blkFile);
 }

@@ -95,6 +95,21 @@ TEST_F(Misuse, EachMisuseLeavesTheNeighbourAndTheBlockAlone) {
              EXPECT_ERR(-1, kFault, qvfs_Read(h, none + 4096, 8));
              EXPECT_EQ(0, qvfs_Close(h));
          }},
+        {"an older file of the block growing into the newer one behind it", [&] {
+             std::string older, newer;
+             const int a = create(&older, kChn);
+             EXPECT_EQ(4, qvfs_Write(a, "abcd", 4));
+             const int b = create(&newer, kChn);
+             EXPECT_EQ(0x10000, qvfs_Write(b, pattern(12, 0, 0x10000).data(), 0x10000));
+             EXPECT_EQ(100, qvfs_Write(a, pattern(13, 0, 100).data(), 100)) << "its own last 4 KiB";
+             EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, qvfs_Write(a, pattern(13, 0, 0x1000).data(), 0x1000));
+             EXPECT_EQ(28, qvfs_error(a)) << "tells the recorder to go on in a new file";
+             EXPECT_ERR(-1, QVFS_ERR_BLOCKRANGE, qvfs_ftruncate(a, 0x2000));
+             EXPECT_EQ(0, qvfs_Close(a));
+             EXPECT_EQ(0, qvfs_Close(b));
+             EXPECT_EQ(104, stat_of(older).st.st_size);
+             EXPECT_EQ(pattern(12, 0, 0x10000), read_all(newer));
+         }},
         {"truncating through a read-only handle; block status into a null record", [&] {
              const int h = open_name(neighbour, QVFS_O_RDONLY);
              errno = 77;
