@@ -21,6 +21,7 @@
 
 #include "keys.h"
 #include "platform.h"
+#include "state.h"
 
 TQvfsFileList* g_stQvfsFileList = nullptr;
 void* g_stQvfsShrPool = nullptr;
@@ -267,6 +268,9 @@ int fsc_ShareInit(void) {
         else
             g_stQvfsShrPool = fsc_MallocV2(key, QVFS_SHR_POOL_SIZE, nullptr, nullptr);
     }
+    // The library's own shared state; its absence does not fail the start
+    // (the features that need it check for it).
+    state_attach();
     return result;
 }
 
@@ -415,6 +419,7 @@ void pool_reset_process_state() {
     if (g_stQvfsShrPool != nullptr) shmdt(g_stQvfsShrPool);
     g_stQvfsFileList = nullptr;
     g_stQvfsShrPool = nullptr;
+    state_detach();
     for (auto& e : g_keyCache) e.store(0, std::memory_order_relaxed);
     g_shareTable.fill(ShareEntry{});
 }

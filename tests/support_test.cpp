@@ -47,10 +47,10 @@ bool has(const std::string& text, const char* part) { return text.find(part) != 
 // layer keys are checked here.
 TEST(SandboxKeys, AreAllDistinctAndNeverMeetAnotherSandbox) {
     Sandbox a;
-    for (int p : {65, 66, 97, 98, 99, 100}) EXPECT_EQ(plat::ftok("/dvr/qvfs/qvfslayer", p), a.layer_key(p)) << p;
+    for (int p : {65, 66, 67, 97, 98, 99, 100, 101, 125}) EXPECT_EQ(plat::ftok("/dvr/qvfs/qvfslayer", p), a.layer_key(p)) << p;
     // Share keys, their lock keys and the layer keys, each once.
     const std::set<int> ak(a.keys().begin(), a.keys().end());
-    EXPECT_EQ(std::size_t(2 * 2073 + 6), ak.size());
+    EXPECT_EQ(std::size_t(2 * 2073 + 32), ak.size());
     EXPECT_EQ(a.keys().size(), ak.size());
     {
         Sandbox b;

@@ -62,6 +62,8 @@ inline std::map<key_t, std::string> root_keys(const std::string& root) {
         {kProjBlkMutex, "g_tBlkMutex"},      {kProjTimerMutex, "g_tTimerMutex"},
     };
     for (const auto& [proj, what] : layer) add(path, proj, what);
+    add(path, kProjState, "state segment");
+    for (int d = 0; d < QVFS_MAX_DISKS; ++d) add(path, kProjDiskSegment0 + d, "segment of disk " + std::to_string(d));
     for (uint32_t i = 0; i <= kMaxShareIndex; ++i) {
         std::snprintf(path, sizeof path, kShareKeyFormat, QVFS_KEY_DIR, int(i / kIndexesPerKeyFile));
         const std::string rec = share_record(i);

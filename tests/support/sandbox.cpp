@@ -25,7 +25,11 @@
 namespace qvfs::test {
 namespace {
 
-constexpr int kLayerProjects[6] = {65, 66, 97, 98, 99, 100};
+// Every project number the library uses on the layer key file: the owner
+// list, the pool, the state segment, the named locks, the disk segments.
+constexpr int kLayerProjects[] = {65,  66,  67,  97,  98,  99,  100, 101, 102, 103, 104, 105, 106, 107, 108, 109,
+                                  110, 111, 112, 113, 114, 115, 116, 117, 118, 119, 120, 121, 122, 123, 124, 125};
+constexpr int kLayerKeyCount = sizeof kLayerProjects / sizeof kLayerProjects[0];
 constexpr int kLockOffset = 0x10000;
 constexpr int kMaxAttempts = 256;
 
@@ -276,7 +280,7 @@ void Sandbox::make_key_files() {
 
 void Sandbox::compute_keys(int n) {
     if (n == kKeyFiles) {
-        for (int j = 0; j < 6; ++j) {
+        for (int j = 0; j < kLayerKeyCount; ++j) {
             layerKeys_[j] = static_cast<int>(::ftok(key_file(n).c_str(), kLayerProjects[j]));
         }
         return;
@@ -298,7 +302,7 @@ int Sandbox::share_key(int shareIndex) const {
 }
 
 int Sandbox::layer_key(int projId) const {
-    for (int j = 0; j < 6; ++j) {
+    for (int j = 0; j < kLayerKeyCount; ++j) {
         if (kLayerProjects[j] == projId) return layerKeys_[j];
     }
     return -1;

@@ -109,7 +109,7 @@ private:
     std::vector<std::string> claims_;
     std::vector<int> keys_;
     std::vector<int> shareKeys_;  // by share index
-    int layerKeys_[6] = {};       // projects 65, 66, 97, 98, 99, 100
+    int layerKeys_[32] = {};      // the layer key file's project numbers (sandbox.cpp)
     pid_t owner_;
     bool hadRoot_ = false;
     std::string oldRoot_;
