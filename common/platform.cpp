@@ -349,10 +349,22 @@ bool memory_readable(const void* p, std::size_t len) {
     struct iovec local{sink, n};
     struct iovec remote{const_cast<void*>(p), n};
     const int saved = errno;
-    const bool fault = ::process_vm_readv(::getpid(), &local, 1, &remote, 1, 0) < 0 && errno == EFAULT;
+    bool fault = false;
+    if (::process_vm_readv(::getpid(), &local, 1, &remote, 1, 0) < 0) {
+        fault = errno == EFAULT;
+        // Where that call is refused or not there (EPERM under a strict
+        // sandbox, ENOSYS under a user-mode emulator), a write of the first
+        // byte into a pipe of our own asks the same question.
+        int fds[2];
+        if (!fault && ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
+            fault = ::write(fds[1], p, 1) < 0 && errno == EFAULT;
+            ::close(fds[0]);
+            ::close(fds[1]);
+        }
+    }
     errno = saved;
-    // A probe the system refuses (EPERM under a strict sandbox) proves
-    // nothing: the memory then counts as readable.
+    // A probe that cannot be made proves nothing: the memory then counts
+    // as readable.
     return !fault;
 }
 
