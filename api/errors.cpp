@@ -3,9 +3,17 @@
 #include <cstdio>
 #include <cstring>
 
+#include "disk/df_format.h"
 #include "qvfs.h"
 
 namespace {
+
+// The smallest disk that holds a block, in the words of the format's code:
+// the data area starts at dataStart, and one block's worth at the device's
+// end never belongs to a block.
+static_assert(((qvfs::disk::kDataStart + 2ull * qvfs::disk::kBlockSize) >> 20) == 3089 &&
+                  (qvfs::disk::kDataStart + 2ull * qvfs::disk::kBlockSize) % (1u << 20) == 0,
+              "the words of QVFS_ERR_FMT_TOOSMALL name the smallest disk that holds a block");
 
 // A failed system call is reported as kSys + errno; the format adds kSys once
 // more when its metadata writes fail, so kFormatSys + errno names those.
@@ -35,8 +43,11 @@ constexpr CodeText kTexts[] = {
     {QVFS_ERR_CHANNEL, "channel number out of range (0 to 1023)"},
     {QVFS_ERR_BLOCKRANGE, "offset or length beyond the block"},
     {QVFS_ERR_TOOMANYBLOCKS, "too many blocks loaded in this process"},
+    {QVFS_ERR_DAMAGED, "the disk's header or a file entry does not match the format or the device: "
+                       "damaged metadata or a truncated device"},
     {QVFS_ERR_FMT_NOSHARE, "format: the disk's shared image is not available"},
-    {QVFS_ERR_FMT_TOOSMALL, "format: device or size below 1 GiB"},
+    {QVFS_ERR_NOTBAD, "the block is not marked bad"},
+    {QVFS_ERR_FMT_TOOSMALL, "format: device or size too small to hold a block (a disk needs at least 3089 MiB)"},
     {QVFS_ERR_NOTINIT, "the library is not initialised"},
 };
 

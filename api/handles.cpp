@@ -255,6 +255,7 @@ int qvfs_ftruncate(int handle, int64_t length) {
     TQvfsHandle* h = lookup(handle);
     if (h == nullptr) return -1;
     MutexGuard own(h->lock);
+    if ((h->rwflag & kCanWrite) == 0) return -1;  // changes the file: needs the write access
     return tf_ftruncate(h->file, static_cast<uint64_t>(length));
 }
 

@@ -1,5 +1,7 @@
 // lifecycle.cpp - start and stop of the library in a process, options and
 // the per-handle error query.
+#include <unistd.h>
+
 #include "api/handle_table.h"
 #include "disk/df.h"
 #include "platform.h"
@@ -17,9 +19,24 @@ std::atomic<int32_t> g_initialised{0};
 using namespace qvfs::api;
 using qvfs::MutexGuard;
 
+namespace {
+// Serialises qvfs_Init; g_initPid is the process that last started the
+// library (guarded by g_initMutex).
+pthread_mutex_t g_initMutex = PTHREAD_MUTEX_INITIALIZER;
+pid_t g_initPid = 0;
+}  // namespace
+
 extern "C" {
 
 int qvfs_Init(void) {
+    // A second call in a started process changes nothing: its handles stay
+    // valid and the layers keep their tables. A forked child inherits the
+    // flag but not the threads, and starts the library afresh; so does a
+    // process whose shared locks were removed under it (its state is gone).
+    MutexGuard once(g_initMutex);
+    const pid_t self = getpid();
+    if (g_initialised.load(std::memory_order_acquire) == 1 && g_initPid == self && qvfs::lock_exists(g_qvFileMutex))
+        return 0;
     // A key directory that cannot be made is not reported here: the key
     // files cannot be created then, and the layers' key calls fail below or
     // later with the system's code.
@@ -38,6 +55,7 @@ int qvfs_Init(void) {
     // The task device may be missing (no driver): the task check then falls
     // back to its own sweep, and the library works all the same.
     tc_Init();
+    g_initPid = self;
     g_initialised.store(1, std::memory_order_release);
     return 0;
 }

@@ -118,9 +118,26 @@ int qvfs_GetFileNum(const char* path, uint32_t blockId) {
     return bf_GetBlockFileNum(path, blockId);
 }
 
+int qvfs_ClearBadBlock(const char* path, uint32_t blockId) {
+    if (!initialised()) return -1;
+    if (path == nullptr) return -1;
+    // A path that names no disk gives a disk number the layer refuses; a
+    // block number beyond int32 turns negative and is refused as a range.
+    return df_ClearBadBlock(static_cast<uint32_t>(fsc_GetDiskNumByPath(path)), static_cast<int32_t>(blockId));
+}
+
+int qvfs_GetBlockUsers(uint32_t disk, uint32_t blockId) {
+    if (!initialised()) return -1;
+    return bf_GetBlockUsers(disk, blockId);
+}
+
 int qvfs_BlockUnlink(uint32_t disk, uint32_t blockId) { return bf_BlockUnlink(disk, blockId); }
 
 int qvfs_GetBlockStat(uint32_t disk, uint32_t blockId, QvfsBlockStat* out) {
+    if (out == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
     TQvBlkStat raw;
     std::memset(&raw, 0, sizeof raw);
     const int r = bf_GetBlockStat(disk, blockId, &raw);

@@ -56,10 +56,11 @@ extern QVFS_API const char* g_pcSvnVersion;
 /* Starts the library in this process: makes the key directory "/dvr/qvfs"
  * when missing, clears the handle table, resets the allocator hooks, starts
  * the layers (shared tables, semaphores, the flush thread) and opens the
- * task device (which may be missing). Call once, from one thread, before any
- * other call. 0, or the layers' non-zero result with errno
- * QVFS_ERR_INITFAILED (the library then stays uninitialised; it may be
- * called again). */
+ * task device (which may be missing). Call before any other call. A second
+ * call in a process that is started returns 0 and changes nothing (its
+ * handles stay valid); a forked child starts the library afresh. 0, or the
+ * layers' non-zero result with errno QVFS_ERR_INITFAILED (the library then
+ * stays uninitialised; it may be called again). */
 QVFS_API int qvfs_Init(void);
 /* Syncs (when writable) and closes every handle this process still holds.
  * Shared state stays for the other processes, and the library stays
@@ -82,10 +83,11 @@ QVFS_API int qvfs_SetOpt(uint64_t options);
  * started; a second call returns 0. */
 QVFS_API int qvfs_SetMainTask(void);
 /* The file layer's error number recorded in a handle after its last read or
- * write: 0, 5 (the disk failed or went offline; the block is marked bad) or
+ * write: 0, 5 (the disk failed or went offline; the block is marked bad),
  * 28 (the write ended in the last 4 MiB of its block: time to open a new
- * file). 0 for an unknown handle; a negative handle also leaves errno
- * QVFS_ERR_BADHANDLE. */
+ * file), or QVFS_ERR_SYS + EFAULT / EINVAL (the caller's buffer or iovec
+ * could not be used; the disk and the block are fine). 0 for an unknown
+ * handle; a negative handle also leaves errno QVFS_ERR_BADHANDLE. */
 QVFS_API int qvfs_error(int handle);
 
 /* ---- handles and streams ---------------------------------------------------- */
@@ -98,11 +100,16 @@ QVFS_API int qvfs_error(int handle);
 /* Opens a file and returns its handle (>= 0), or -1 with errno
  * QVFS_ERR_BADARG whatever the cause (no such file, no free handle, no
  * memory, no room on the disk).
- *   param null: opens the existing file named by path (its 27-character name,
- *     with or without extension, or a device path followed by it).
+ *   param null: opens the existing file named by path (its 27-character name
+ *     with the extension it was created with, or a device path followed by
+ *     it).
  *   param set: creates a new file as the record describes and writes its
  *     name (27 characters plus the extension) into path, which must then
- *     hold at least 33 bytes.
+ *     hold at least 33 bytes. The extension (ext) is 1 to 7 printable
+ *     characters without '/'. File type 1 with a resSize above 0 reserves
+ *     that many bytes for the pre-record ring (see qvfs_UpdataePreRecPtr);
+ *     a negative resSize, or one larger than a block's data area, is
+ *     refused.
  * A process has at most 1024 handles open. Opening one file several times
  * gives separate handles, each with its own position. */
 QVFS_API int qvfs_OpenV2(TQvfsOpenParam* param, char* path, int flags);
@@ -114,8 +121,11 @@ QVFS_API int qvfs_Open(const void* param96, char* path, int flags);
  * The count transferred, 0 for len 0 (whatever the handle), or -1:
  * QVFS_ERR_BADARG for a null buffer; errno untouched for a stale handle or
  * a handle opened without the access; a failing disk or a read at the end
- * of the file gives -1 with the reason in qvfs_error(handle). A write that
- * reaches beyond the file's end grows it. */
+ * of the file gives -1 with the reason in qvfs_error(handle); a buffer the
+ * system cannot use gives -1 with QVFS_ERR_SYS + EFAULT. A write that
+ * reaches beyond the file's end grows it; one that does not fit where the
+ * file may grow (the reserved area of a file whose pre-record phase has not
+ * ended) is refused whole with QVFS_ERR_BLOCKRANGE. */
 QVFS_API int qvfs_Read(int handle, void* buf, uint32_t len);
 QVFS_API int qvfs_Write(int handle, const void* buf, uint32_t len);
 /* Gathering write of count entries, written as one piece; as qvfs_Write,
@@ -136,13 +146,19 @@ QVFS_API int qvfs_Eof(int handle);
  * handle opened read-only). */
 QVFS_API int qvfs_fsync(int handle);
 /* Sets the file's length: the main data grows or shrinks; the pre-record
- * part cannot be cut. 0, or -1 (QVFS_ERR_BLOCKRANGE beyond the block size). */
+ * part cannot be cut. 0, or -1 (errno untouched for a handle opened without
+ * write access; QVFS_ERR_BLOCKRANGE beyond the block, or beyond the reserved
+ * area while the pre-record phase lasts). */
 QVFS_API int qvfs_ftruncate(int handle, int64_t length);
 /* Ends the pre-record phase of a file created with a reserved area (file
  * type 1): the valid ring is [preStart, preEnd) inside the reserved area
  * (wrapping when preEnd < preStart), and the main data starts empty behind
  * the area. The file then reads as the ring, oldest byte first, followed by
- * the main data; seek to the end (qvfs_Seek(h, 0, 2)) to append. 0 or -1. */
+ * the main data; seek to the end (qvfs_Seek(h, 0, 2)) to append. Until then
+ * the file is the reserved area, written and read from its start. Both
+ * offsets count from the area's start and lie inside it (0 <= offset <
+ * resSize). 0, or -1: QVFS_ERR_BADARG, with nothing changed, for a file
+ * without a reserved area or an offset outside it. */
 QVFS_API int qvfs_UpdataePreRecPtr(int handle, int32_t preStart, int32_t preEnd);
 /* Syncs (when writable) and closes the handle. 0, also for a handle that is
  * not open (a negative one leaves errno QVFS_ERR_BADHANDLE); -1 only before
@@ -227,13 +243,21 @@ QVFS_API int qvfs_Unlink(const char* path);
 #define QVFS_FORMAT_CLEAR_HEADS 1 /* also zero the head of every block */
 
 /* Formats the whole device (mode 0), with a mode, or only its first size
- * bytes (mode 0). Every file on the disk is lost; the disk must be mounted
- * again afterwards. 0 or -1 (QVFS_ERR_FMT_TOOSMALL below 1 GiB). */
+ * bytes (mode 0). Every file on the disk is lost (every mode clears the
+ * first sector of each block, so no earlier name opens); the disk must be
+ * mounted again afterwards. 0 or -1 (QVFS_ERR_FMT_TOOSMALL when the device
+ * or the size cannot hold one block). Blocks start at dataStart 0x41100000
+ * and one block's worth at the device's end never belongs to a block, so a
+ * disk holds its first block from 0xC1100000 bytes (3089 MiB) on and one
+ * more per GiB. */
 QVFS_API int qvfs_Format(const char* path);
 QVFS_API int qvfs_FormatEx(const char* path, uint32_t mode);
 QVFS_API int qvfs_FormatMini(const char* path, uint64_t size);
-/* Mounts the disk for this process (QVFS_ERR_NOTFORMATTED for a disk that
- * carries no qvfs format). */
+/* Mounts the disk for this process: QVFS_ERR_NOTFORMATTED for a disk that
+ * carries no qvfs format, QVFS_ERR_DAMAGED for a header that breaks the
+ * format's layout or describes more than the device holds. Damaged status
+ * bytes or table entries are not trusted: a block of unknown status counts
+ * as bad. */
 QVFS_API int qvfs_Mount(const char* path);
 /* Ends this process's use of the disk; the disk stays usable by the other
  * processes that mounted it. */
@@ -277,12 +301,31 @@ typedef struct QvfsBlockStat {
     uint32_t endTimeHi; /* 7: high word */
 } QvfsBlockStat;
 
+/* Lifts the bad mark of a block after the disk was found sound again. The
+ * block's header on the device decides what it returns to: in use when the
+ * header counts files, or when a channel's current-block entry names the
+ * block; free otherwise (a header that is not zero is zeroed first, and the
+ * block-count entry its header names drops by one). The status map is
+ * written to both meta regions. Returns the new status, 0 free or 1 in use;
+ * -1: QVFS_ERR_NOTINIT, QVFS_ERR_BADARG (path names no disk, disk not
+ * mounted), QVFS_ERR_BADHANDLE (block beyond the disk), QVFS_ERR_NOTBAD (the
+ * block is not marked bad), QVFS_ERR_SYS + errno (the header cannot be read
+ * or the metadata not written: the mark stays); a null path returns -1 with
+ * errno untouched. Takes the disk's lock. */
+QVFS_API int qvfs_ClearBadBlock(const char* path, uint32_t blockId);
+/* Number of references all processes hold on the block's shared record:
+ * open files, writers, listings in progress; 0 when no process has the
+ * block loaded. Neither loads the block nor reads the disk, so the answer
+ * may change as soon as it is given. -1: QVFS_ERR_NOTINIT, QVFS_ERR_BADARG
+ * (disk above 24), QVFS_ERR_BADHANDLE (block 131072 or more). */
+QVFS_API int qvfs_GetBlockUsers(uint32_t disk, uint32_t blockId);
 /* Marks a block for release: it goes back to the disk, with every file in
  * it, as soon as no process uses it. Does not test the initialised flag.
  * 0, or -1 when the block cannot be loaded. */
 QVFS_API int qvfs_BlockUnlink(uint32_t disk, uint32_t blockId);
-/* The block's status; out must be set. Does not test the initialised flag.
- * 0, or the block layer's failure (out untouched). */
+/* The block's status. Does not test the initialised flag. 0, or -1:
+ * QVFS_ERR_BADARG for a null out, else the block layer's failure (out
+ * untouched). */
 QVFS_API int qvfs_GetBlockStat(uint32_t disk, uint32_t blockId, QvfsBlockStat* out);
 
 /* ---- error messages ------------------------------------------------------------ */

@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "blockfile/bf.h"
-#include "support/disk_env.h"
+#include "support/fixture.h"
 #include "support/sandbox.h"
 
 namespace {

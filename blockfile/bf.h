@@ -79,18 +79,25 @@ QVFS_API int _bf_PutBlock(TQvBlkRec* handle);
 
 // Creates a file: the disk layer picks the block (df_GetFileBlkId), a new
 // slice entry with a fresh check code is written with the header, and a sync
-// mark is set. Fills name (>= 33 bytes) with the text name plus at most 8
-// characters of req->ext, and slice with the new entry. Returns the block
-// handle holding one reference for the file, or null (1001 for a null
-// argument; the disk layer's or the loader's code; 1002 when the block's
-// directory is full). Takes g_tBlkMutex, then the record lock.
+// mark is set. A file of type 1 with a reserved size gets the area
+// [next, next + resSize) and `next` moves past it at once. Fills name
+// (>= 33 bytes) with the text name plus req->ext, and slice with the new
+// entry. Returns the block handle holding one reference for the file, or
+// null: 1001 for a null argument, an extension that is not 1 to 7 printable
+// characters without '/', or a reserved size that is negative or larger
+// than a block's data area (all refused before anything is allocated); the
+// disk layer's or the loader's code; 1002 when the block's directory is
+// full or the area does not fit behind `next`. Takes g_tBlkMutex, then the
+// record lock.
 QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkSliceInfo* slice);
 // Opens the file named by a text name or a path ending in one and fills
 // slice with its entry read from disk. Returns the block handle holding one
 // reference, or null: 1001 for a null argument, 3000 + errno when the entry
-// cannot be read (block reported bad), no error code when the name is
-// malformed, its slice lies outside the directory or its check code (compared
-// without regard to case) differs. Takes g_tBlkMutex, then the record lock.
+// cannot be read (block reported bad), 1014 when the entry's regions do not
+// lie in the block's data area (slice untouched), no error code when the
+// name is malformed, names a free block, its slice lies outside the
+// directory, its check code (compared without regard to case) differs or
+// its extension is not the entry's. Takes g_tBlkMutex, then the record lock.
 QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice);
 // Drops the reference of a create or open. 0, or -1 with 1001 for null.
 QVFS_API int bf_CloseFile(TQvBlkRec* handle);
@@ -106,17 +113,21 @@ QVFS_API int _bf_BlockOpt(TQvBlkRec* handle, uint32_t op, int32_t value);
 
 // ---- block I/O ------------------------------------------------------------------
 // Offsets are bytes from the block's start. Transfers go straight between the
-// caller's memory and the device, under the record lock. Each records its
-// outcome in the handle's errNo: 0, 5 (disk not ready or offline, transfer
-// failed: the block is reported bad) or 28 (a write ended in the block's last
-// 4 MiB).
+// caller's memory and the device, under the record lock, and never leave the
+// block. Each records its outcome in the handle's errNo: 0, 5 (disk not ready
+// or offline, transfer failed on the device: the block is reported bad), 28
+// (a write ended in the block's last 4 MiB), or 3000 + EFAULT/EINVAL when the
+// caller's memory or vector could not be used: then -1 with the same code in
+// errno, and the block is not reported (the device did nothing wrong).
 
 // Bytes read, or -1 (nothing read; also for length 0). 1001 null argument,
-// 1012 offset beyond the block size (only the start is tested).
+// 1012 offset at or beyond the block size; a read that runs past the
+// block's end is cut there.
 QVFS_API int bf_Read(uint32_t offset, void* data, uint32_t length, TQvBlkRec* handle);
 // length, or -1 (0 for length 0 when refused). 1001 null argument, 1012
-// offset beyond the block, 1002 (errNo 28) end beyond the block: nothing
-// written.
+// offset beyond the block or below its data area (the header and directory
+// are written only by their own writers), 1002 (errNo 28) end beyond the
+// block: nothing written.
 QVFS_API int bf_Write(uint32_t offset, const void* data, uint32_t length, TQvBlkRec* handle);
 // One writev of the caller's vector: the total length, 0 (no element or
 // only empty ones; no lock taken), or -1. Null arguments give -1 without an
@@ -139,8 +150,8 @@ QVFS_API int bf_GetErrorNo(TQvBlkRec* handle);
 // header's counters drop, and the block's last file gives the block back
 // (the result is then df_ReleaseBlock's). 0 or -1: 1001 null name, the
 // loader's code, 3000 + errno entry unreadable (block bad), no code for a
-// wrong check code or a slice outside the directory. Takes g_tBlkMutex, then
-// the record lock.
+// wrong check code or extension, a free block or a slice outside the
+// directory. Takes g_tBlkMutex, then the record lock.
 QVFS_API int bf_Unlink(const char* name);
 // Marks the block unlinked and drops this call's reference: the block goes
 // back to the disk layer at the last drop of any process. 0, or -1 when the
@@ -150,17 +161,24 @@ QVFS_API int bf_BlockUnlink(uint32_t disk, uint32_t blkId);
 // 512 KiB chunks through one buffer kept for the process) as file status
 // records, at most max. The number written, or -1 (1001 null argument, 1006
 // no buffer, loader's code, 3000 + errno on a failed read). A block whose
-// header counts files but whose directory holds none is given back.
+// header counts files but whose directory holds none is given back; a free
+// block lists nothing.
 QVFS_API int bf_BlockStat(const char* path, uint32_t blkId, TQvFileStat* out, int max);
 // One 512 KiB segment of the listing into the caller's buffers; the count is
 // in segFound. 0 or -1.
 QVFS_API int bf_BlockStatSeg(TQvBlkSegQuery* query);
 // Block status: disk, block, dataType, lock and recType counters, state
 // (0 not allocated, 1 the current block of its channel and type,
-// 2 allocated), endTime. 0 or -1 (null out: no error code).
+// 2 allocated), endTime. 0 or -1 (null out: 1001).
 QVFS_API int bf_GetBlockStat(uint32_t disk, uint32_t blkId, TQvBlkStat* out);
 // The header's cnt, or 0 (1001 for a null path).
 QVFS_API int bf_GetBlockFileNum(const char* path, uint32_t blkId);
+// Number of references all processes hold on the block's shared record
+// (open files, writers, listings in progress), 0 when no process has the
+// block loaded. Does not load the block or read the disk. -1 with 1001 for a
+// disk above 24, 1002 for a block number of 131072 or more. Takes
+// g_tBlkFileMutex.
+QVFS_API int bf_GetBlockUsers(uint32_t disk, uint32_t blkId);
 // Scans n <= 1024 sectors of buf for live entries (bytes 8..11 "QVND" in any
 // case) and fills at most n status records. Returns the number filled.
 QVFS_API int _bf_ScanSlices(const TQvBlkRec* handle, const void* buf, TQvFileStat* out, int n);
@@ -174,8 +192,45 @@ namespace qvfs::bf {
 
 // Whether a header read from disk may be used, given the unit size: a fresh
 // header (Len 0) only with slice and next 0; otherwise Len at most 16 MiB,
-// next at most the unit size and slice below Len / 512.
+// Len <= next <= the unit size, slice below Len / 512 and cnt at most slice.
 bool header_acceptable(const TQvBlkInfo& h, uint64_t unitSize);
+
+// ---- a file's regions ----------------------------------------------------------
+// A file is one of three shapes (block offsets, [from, to)):
+//   - no reserved area (resStart and resEnd 0): the data [dataStart, dataEnd);
+//   - a reserved area whose ring pointers are not set (preStart or preEnd 0):
+//     the bytes written into the area from its start, [resStart, dataEnd),
+//     never beyond resEnd;
+//   - ring pointers set: the ring inside the area (from preStart, wrapping
+//     at resEnd to resStart, up to preEnd), then the data from dataStart.
+
+// b - a, or 0 when a damaged entry has b below a.
+inline uint64_t span(uint64_t a, uint64_t b) { return b > a ? b - a : 0; }
+inline bool has_ring_area(const TQvBlkSliceInfo& e) { return e.resStart != 0 && e.resEnd != 0; }
+inline bool ring_set(const TQvBlkSliceInfo& e) {
+    return has_ring_area(e) && e.preStart != 0 && e.preEnd != 0;
+}
+// Bytes of the ring once its pointers are set (0 before): preEnd - preStart,
+// or, wrapped or with preStart == preEnd, the area's two pieces.
+uint64_t ring_length(const TQvBlkSliceInfo& e);
+// The file's length: never counts a byte outside its own regions, and never
+// wraps whatever a damaged entry holds.
+uint64_t file_length(const TQvBlkSliceInfo& e);
+
+// The highest block offset a file may reach without touching another
+// file's bytes. Files of a block are laid out in the order they were created,
+// each starting at the header's `next` of its creation, which is never below
+// the 4 KiB rounding of the file before it. So only the newest file of the
+// block (its slice number is the header's `slice`) may grow on to the block's
+// end; an older one keeps to its reserved area before its ring pointers are
+// set, else to its data end rounded up to 4 KiB. The header's `slice` is read
+// without the record lock: it only rises while the block holds files.
+uint64_t growth_limit(const TQvBlkRec* h, const TQvBlkSliceInfo& e, uint64_t unitSize);
+
+// Whether an entry read from disk describes regions that lie in the block's
+// data area [dataArea, unitSize) in one of the shapes above, so that every
+// address the file layer computes from it stays there.
+bool entry_regions_valid(const TQvBlkSliceInfo& e, uint64_t dataArea, uint64_t unitSize);
 
 // Seeks to target, tests that the device is online and writes one 512-byte
 // sector: 0, or -1 (offline: errno untouched; failed or short write: errno +
@@ -195,6 +250,15 @@ inline bool slice_in_directory(const TQvBlkInfo& h, uint64_t k) {
 // ending in one. Both need a first '.' at least 23 characters from the start.
 bool name_slice_number(const char* name, uint32_t* slice);
 const char* name_check_code(const char* name);
+// Whether everything after the name's first '.' is exactly the entry's
+// extension: a name must be given with the extension it was made with.
+bool name_extension_matches(const char* name, const TQvBlkSliceInfo& entry);
+// Whether a create request's extension can be part of a name that every
+// call and tool can give back: 1 to 7 printable characters, no '/'.
+bool extension_acceptable(const char (&ext)[8]);
+// Whether the disk layer holds the block as allocated (in use or bad): a
+// free block holds no file, whatever its front still shows.
+bool block_in_use(uint32_t disk, int32_t block);
 
 // The handle in slot i of the process's block table, or null. For the dump
 // and tests; the caller holds g_tBlkFileMutex when others may change it.

@@ -50,7 +50,8 @@ inline constexpr uint32_t kScanChunk = 0x80000;
 inline constexpr uint32_t kScanChunks = 32;
 inline constexpr uint32_t kScanSectors = kScanChunk / kSector;  // 1024
 
-// Outcome of the last transfer on a block handle (TQvBlkRec::errNo).
+// Outcome of the last transfer on a block handle (TQvBlkRec::errNo); a
+// transfer that failed on the caller's memory leaves 3000 + EFAULT/EINVAL.
 inline constexpr int kXferOk = 0;
 inline constexpr int kXferIoError = 5;     // disk not ready / offline, transfer failed
 inline constexpr int kXferNearFull = 28;   // write ended in the last 4 MiB
@@ -218,7 +219,7 @@ static_assert(sizeof(TQvBlkShare) % alignof(TQvBlkShare) == 0 && 0x51000 % align
 // process's block table while inRef > 0.
 struct TQvBlkRec {
     int32_t fd;          // this handle's descriptor of the disk's device; -1 after close
-    int32_t errNo;       // outcome of the last transfer: 0, 5 or 28 (under the record lock)
+    int32_t errNo;       // outcome of the last transfer: 0, 5, 28 or 3000 + a caller fault (record lock)
     uint32_t blkIdx;     // slot in the process's block table
     int32_t inRef;       // users inside this process (under g_tBlkFileMutex)
     TQvBlkShare* share;  // this process's attachment of the shared record

@@ -38,6 +38,24 @@ const char* name_check_code(const char* name) {
     return dot == nullptr ? nullptr : dot - 11;
 }
 
+bool name_extension_matches(const char* name, const TQvBlkSliceInfo& entry) {
+    const char* dot = name_dot(name);
+    if (dot == nullptr) return false;
+    const char* ext = dot + 1;
+    const std::size_t n = strnlen(entry.ext, sizeof entry.ext);
+    return n < sizeof entry.ext && std::strlen(ext) == n && std::memcmp(ext, entry.ext, n) == 0;
+}
+
+bool extension_acceptable(const char (&ext)[8]) {
+    const std::size_t n = strnlen(ext, sizeof ext);
+    if (n == 0 || n == sizeof ext) return false;
+    for (std::size_t i = 0; i < n; ++i)
+        if (ext[i] < 0x20 || ext[i] > 0x7E || ext[i] == '/') return false;
+    return true;
+}
+
+bool block_in_use(uint32_t disk, int32_t block) { return df_IsBlockAllocated(disk, block) == 1; }
+
 }  // namespace qvfs::bf
 
 using namespace qvfs;
@@ -47,6 +65,17 @@ extern "C" {
 
 QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkSliceInfo* slice) {
     if (req == nullptr || name == nullptr || slice == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return nullptr;
+    }
+    const uint32_t blkType = static_cast<uint32_t>(fsc_GetBlkType(req->fileType));
+    const uint64_t selfInfo = static_cast<uint64_t>(fsc_GetSelfInfoLen(int(blkType)));
+    // Refused before anything is allocated or written: an extension that
+    // would make a name no call can give back, and a reserved area that is
+    // negative or larger than a block's data area.
+    const bool reserves = req->fileType == 1 && req->resSize != 0;
+    if (!extension_acceptable(req->ext) ||
+        (reserves && (req->resSize < 0 || uint64_t(req->resSize) > span(selfInfo, df_GetDiskUnitSize())))) {
         errno = QVFS_ERR_BADARG;
         return nullptr;
     }
@@ -61,12 +90,14 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     TQvBlkInfo& hd = rec->header;
     std::memset(slice, 0, sizeof *slice);
 
-    const uint32_t blkType = static_cast<uint32_t>(fsc_GetBlkType(req->fileType));
     // The new slice must be a directory entry of the header as it will be
-    // after this create; the disk layer only hands out blocks with room, but
-    // it judges by the disk's header, which may lag behind the shared copy.
-    const uint32_t len = hd.cnt == 0 ? static_cast<uint32_t>(fsc_GetSelfInfoLen(int(blkType))) : hd.Len;
-    if (uint64_t(hd.slice) + 1 >= len / kSector) {
+    // after this create, and a reserved area must fit behind `next`; the
+    // disk layer only hands out blocks with room, but it judges by the
+    // disk's header, which may lag behind the shared copy.
+    const uint32_t len = hd.cnt == 0 ? static_cast<uint32_t>(selfInfo) : hd.Len;
+    const uint64_t start = hd.cnt == 0 ? len : hd.next;
+    if (uint64_t(hd.slice) + 1 >= len / kSector ||
+        (reserves && start + uint64_t(req->resSize) > df_GetDiskUnitSize())) {
         errno = QVFS_ERR_BADHANDLE;
         blockLock.unlock();
         _bf_PutBlock(h);
@@ -76,8 +107,11 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     const uint32_t kind = req->fileType == 2 ? 2 : 0;
     _bf_MakeFileName(rec->diskId, static_cast<int32_t>(rec->blkId), hd.slice + 1, name,
                      reinterpret_cast<uint8_t*>(slice) + offsetof(TQvBlkSliceInfo, magic), kind);
-    std::strncat(name, req->ext, sizeof(TQvfsOpenParam::ext));  // at most the 8 characters of the field
-    std::strncpy(slice->ext, req->ext, sizeof slice->ext);
+    const std::size_t stem = std::strlen(name);
+    const std::size_t extLen = strnlen(req->ext, sizeof req->ext);  // 1..7, tested above
+    std::memcpy(name + stem, req->ext, extLen);
+    name[stem + extLen] = '\0';
+    std::memcpy(slice->ext, req->ext, sizeof slice->ext);
     slice->ext[sizeof slice->ext - 1] = '\0';
 
     slice->chn = req->chn;
@@ -91,7 +125,8 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     }
 
     hd.cnt += 1;
-    hd.slice += 1;
+    // Read without the record lock by the growth limit of the block's files.
+    __atomic_store_n(&hd.slice, hd.slice + 1, __ATOMIC_RELAXED);
     hd.chn = req->chn;
     hd.dataType = blkType;
     if (hd.cnt == 1) {
@@ -107,10 +142,17 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     }
     if (slice->recType - 1 >= 2) _bf_BlockOpt(h, 1, 1);
 
-    if (req->fileType == 1) {
+    if (reserves) {
+        // The whole reserved area belongs to the file from now on: `next`
+        // moves past it at once, so no later file of the block starts inside
+        // the ring, whether or not its pointers are ever set. Until they are,
+        // the data region is the part of the area written so far.
         slice->resStart = hd.next;
-        slice->resEnd = hd.next + static_cast<uint64_t>(static_cast<int64_t>(req->resSize));
+        slice->resEnd = hd.next + uint64_t(req->resSize);
+        slice->dataStart = slice->dataEnd = slice->resStart;
+        hd.next = (slice->resEnd + (kSpaceAlign - 1)) & ~(kSpaceAlign - 1);
     } else {
+        // File type 1 without a reserved size is an ordinary file.
         if (req->fileType == 2) slice->lock = 2;
         slice->dataStart = hd.next;
         slice->dataEnd = hd.next;
@@ -147,24 +189,36 @@ QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice) {
     ProcLockGuard blockLock(h->lock);
     TQvBlkShare* rec = h->share;
     uint32_t k = 0;
-    bool ok = name_slice_number(name, &k) && slice_in_directory(rec->header, k);
+    TQvBlkSliceInfo entry;
+    std::memset(&entry, 0, sizeof entry);  // a short read leaves zeros, never stale bytes
+    // A free block holds no file, whatever its front still shows.
+    bool ok = block_in_use(id.disk, id.block) && name_slice_number(name, &k) && slice_in_directory(rec->header, k);
     if (ok) {
         // The check code, not the magic, decides: a deleted entry has a zero
-        // code and never matches a name.
-        slice->sliceID = k;
+        // code and never matches a name. The extension must be the entry's.
         int type = counttest_BlkType2CountTestType(static_cast<int>(rec->header.dataType));
         if (plat::seek(h->fd, rec->blkAddr + uint64_t(k) * kSector) < 0 ||
-            TCT_Read(h->fd, slice, kSector, type) < 0) {
+            TCT_Read(h->fd, &entry, kSector, type) < 0) {
             errno += QVFS_ERR_SYS;
             int saved = errno;
             df_TagBadBlock(rec->diskId, static_cast<int32_t>(rec->blkId));
             errno = saved;
             ok = false;
         } else {
-            ok = strncasecmp(name_check_code(name), slice->verify, 4) == 0;
+            ok = strncasecmp(name_check_code(name), entry.verify, 4) == 0 && name_extension_matches(name, entry);
         }
     }
-    if (ok) return h;
+    if (ok && !entry_regions_valid(entry, rec->header.Len, df_GetDiskUnitSize())) {
+        // Every position of the file is computed from these regions: a
+        // damaged entry is never handed up.
+        errno = QVFS_ERR_DAMAGED;
+        ok = false;
+    }
+    if (ok) {
+        entry.sliceID = k;
+        std::memcpy(slice, &entry, sizeof entry);
+        return h;
+    }
     blockLock.unlock();
     int saved = errno;
     _bf_PutBlock(h);

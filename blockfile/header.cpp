@@ -55,7 +55,49 @@ bool header_acceptable(const TQvBlkInfo& h, uint64_t unitSize) {
     if (h.Len > kMaxSelfInfo) return false;
     if (h.next > unitSize) return false;
     if (h.slice >= (h.Len >> 9)) return false;
+    // The next file's data starts at `next`: never inside the header and
+    // directory. A header that counts more files than it handed out slices
+    // is not one this layer wrote.
+    if (h.next < h.Len || h.cnt > h.slice) return false;
     return true;
+}
+
+bool entry_regions_valid(const TQvBlkSliceInfo& e, uint64_t dataArea, uint64_t unitSize) {
+    auto inside = [&](uint64_t from, uint64_t to) { return dataArea <= from && from <= to && to <= unitSize; };
+    const bool noRing = e.resStart == 0 && e.resEnd == 0;
+    if (noRing) return e.preStart == 0 && e.preEnd == 0 && inside(e.dataStart, e.dataEnd);
+    if (!inside(e.resStart, e.resEnd) || e.resStart == e.resEnd) return false;
+    if (e.preStart == 0 || e.preEnd == 0) {
+        // Pointers not set: the data region, when there is one, is the part
+        // of the reserved area written so far (older disks kept it at 0 and
+        // dataEnd at the end of the bytes written).
+        return e.dataStart == 0 ? e.dataEnd <= unitSize : inside(e.dataStart, e.dataEnd);
+    }
+    auto inRing = [&](uint64_t p) { return e.resStart <= p && p <= e.resEnd; };
+    return inRing(e.preStart) && inRing(e.preEnd) && e.resEnd <= e.dataStart && inside(e.dataStart, e.dataEnd);
+}
+
+uint64_t ring_length(const TQvBlkSliceInfo& e) {
+    if (!ring_set(e)) return 0;
+    if (e.preStart < e.preEnd) return e.preEnd - e.preStart;
+    // Wrapped, or preStart == preEnd: a full turn counts the whole area.
+    return span(e.preStart, e.resEnd) + span(e.resStart, e.preEnd);
+}
+
+uint64_t file_length(const TQvBlkSliceInfo& e) {
+    if (has_ring_area(e) && !ring_set(e)) {
+        const uint64_t written = e.dataEnd < e.resEnd ? e.dataEnd : e.resEnd;
+        return span(e.resStart, written);
+    }
+    return ring_length(e) + span(e.dataStart, e.dataEnd);
+}
+
+uint64_t growth_limit(const TQvBlkRec* h, const TQvBlkSliceInfo& e, uint64_t unitSize) {
+    if (h == nullptr || h->share == nullptr) return unitSize;  // the transfer itself refuses
+    const uint32_t newest = __atomic_load_n(&h->share->header.slice, __ATOMIC_RELAXED);
+    if (e.sliceID >= newest) return unitSize;
+    if (has_ring_area(e) && !ring_set(e)) return e.resEnd;
+    return (e.dataEnd + (kSpaceAlign - 1)) & ~(kSpaceAlign - 1);
 }
 
 }  // namespace qvfs::bf

@@ -34,6 +34,31 @@ void apply_near_full(TQvBlkRec* h, uint64_t end, uint64_t unit) {
     if (end + kNearFull >= unit) h->errNo = kXferNearFull;
 }
 
+// A transfer that failed because of the caller's memory (a buffer or an
+// iovec the system cannot use) says nothing about the device: the block
+// keeps its status and the handle's errNo names the caller's fault.
+bool caller_fault(int err) { return err == EFAULT || err == EINVAL; }
+
+void report_caller_fault(TQvBlkRec* h, int err) {
+    h->errNo = QVFS_ERR_SYS + err;
+    errno = QVFS_ERR_SYS + err;
+}
+
+// Data transfers stay in the data area: the header and the directory are
+// written only as whole sectors by their own writers. A fresh block (Len 0)
+// has no such area yet. Caller holds the record lock.
+bool below_data_area(const TQvBlkShare* rec, uint32_t offset) { return offset < rec->header.Len; }
+
+// Where a writev that moved only `done` bytes stopped: true when the next
+// byte it should have taken lies in memory the process cannot read.
+bool stopped_at_caller_memory(const struct iovec* iov, int count, uint64_t done) {
+    for (int i = 0; i < count; ++i) {
+        if (done < iov[i].iov_len) return !plat::memory_readable(static_cast<const char*>(iov[i].iov_base) + done, 1);
+        done -= iov[i].iov_len;
+    }
+    return false;
+}
+
 }  // namespace
 
 extern "C" {
@@ -48,10 +73,14 @@ QVFS_API int bf_Read(uint32_t offset, void* data, uint32_t length, TQvBlkRec* h)
         set_xfer_result(h, kXferIoError);
         return -1;
     }
-    if (df_GetDiskUnitSize() < offset) {
+    const uint64_t unit = df_GetDiskUnitSize();
+    // Only the block's own bytes are read: a read that runs past its end is
+    // cut there, one that starts at the end reads nothing.
+    if (unit <= offset) {
         errno = QVFS_ERR_BLOCKRANGE;
         return -1;
     }
+    if (uint64_t(offset) + length > unit) length = static_cast<uint32_t>(unit - offset);
 
     ProcLockGuard blockLock(h->lock);
     auto* p = static_cast<uint8_t*>(data);
@@ -62,6 +91,10 @@ QVFS_API int bf_Read(uint32_t offset, void* data, uint32_t length, TQvBlkRec* h)
         const int type = count_type(rec);
         while (done < length) {
             int n = TCT_Read(h->fd, p + done, length - done, type);
+            if (n < 0 && caller_fault(errno)) {
+                report_caller_fault(h, errno);
+                return -1;
+            }
             if (n <= 0) {
                 df_TagBadBlock(rec->diskId, static_cast<int32_t>(rec->blkId));
                 h->errNo = kXferIoError;
@@ -99,6 +132,10 @@ QVFS_API int bf_Write(uint32_t offset, const void* data, uint32_t length, TQvBlk
     }
 
     ProcLockGuard blockLock(h->lock);
+    if (below_data_area(rec, offset)) {
+        errno = QVFS_ERR_BLOCKRANGE;
+        return refused;
+    }
     const auto* p = static_cast<const uint8_t*>(data);
     uint32_t done = 0;
     if (plat::seek(h->fd, rec->blkAddr + offset) < 0) {
@@ -111,6 +148,10 @@ QVFS_API int bf_Write(uint32_t offset, const void* data, uint32_t length, TQvBlk
                 break;
             }
             int n = TCT_Write(h->fd, p + done, length - done, type);
+            if (n < 0 && caller_fault(errno)) {
+                report_caller_fault(h, errno);
+                return -1;
+            }
             if (n <= 0) {
                 df_TagBadBlock(rec->diskId, static_cast<int32_t>(rec->blkId));
                 h->errNo = kXferIoError;
@@ -154,13 +195,27 @@ QVFS_API int bf_Writev(uint32_t offset, const struct iovec* iov, int count, TQvB
     }
 
     ProcLockGuard blockLock(h->lock);
+    if (below_data_area(rec, offset)) {
+        errno = QVFS_ERR_BLOCKRANGE;
+        return -1;
+    }
     if (plat::seek(h->fd, rec->blkAddr + offset) < 0 || !df_IsDiskOnline(h->fd)) {
         h->errNo = kXferIoError;
-    } else if (plat::writev(h->fd, iov, count) == static_cast<ssize_t>(total)) {
-        h->errNo = kXferOk;
-        apply_near_full(h, end, unit);
-        return static_cast<int>(total);
     } else {
+        const ssize_t n = plat::writev(h->fd, iov, count);
+        if (n == static_cast<ssize_t>(total)) {
+            h->errNo = kXferOk;
+            apply_near_full(h, end, unit);
+            return static_cast<int>(total);
+        }
+        // The system stops a vector at the first byte it cannot fetch and
+        // reports what it wrote before; only when that byte is readable did
+        // the device cut the transfer short.
+        const int err = errno;
+        if (n < 0 ? caller_fault(err) : stopped_at_caller_memory(iov, count, uint64_t(n))) {
+            report_caller_fault(h, n < 0 ? err : EFAULT);
+            return -1;
+        }
         // A partial writev is not continued: the device failed mid-vector.
         df_TagBadBlock(rec->diskId, static_cast<int32_t>(rec->blkId));
         h->errNo = kXferIoError;

@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "blockfile/bf.h"
+#include "keys.h"
 #include "platform.h"
 #include "proc_lock.h"
 
@@ -28,17 +29,10 @@ void* scan_buffer() {
     return g_scanBuf;
 }
 
-// Length of the pre-record ring of an entry (inside its reserved region).
-uint64_t pre_record_length(const TQvBlkSliceInfo& e) {
-    if (e.preEnd == 0 || e.preStart == 0) return 0;
-    if (e.preStart < e.preEnd) return e.preEnd - e.preStart;
-    return (e.resEnd - e.preStart) + (e.preEnd - e.resStart);
-}
-
 // Writes the members of a status record that a listing provides; the others
 // keep what the caller put there.
 void fill_stat(TQvFileStat& o, const TQvBlkSliceInfo& e, const TQvBlkShare& rec) {
-    const int64_t size = static_cast<int64_t>((e.dataEnd - e.dataStart) + pre_record_length(e));
+    const int64_t size = static_cast<int64_t>(file_length(e));
     o.st.st_size = size;
     o.st.st_blocks = size / 512;
     o.st.st_mtim.tv_sec = static_cast<int32_t>(static_cast<uint32_t>(e.endTime));
@@ -108,7 +102,9 @@ QVFS_API int bf_BlockStat(const char* path, uint32_t blkId, TQvFileStat* out, in
         ProcLockGuard blockLock(h->lock);
         TQvBlkShare* rec = h->share;
         TQvBlkInfo& hd = rec->header;
-        if (max >= 1) {
+        // A free block lists nothing: what its front still holds belongs to
+        // files that no longer exist.
+        if (max >= 1 && block_in_use(rec->diskId, static_cast<int32_t>(rec->blkId))) {
             // The scan covers the largest self-info area whatever the
             // block's Len; a short read leaves zeros, which hold no entry.
             int found = 0;
@@ -178,6 +174,9 @@ QVFS_API int bf_BlockStatSeg(TQvBlkSegQuery* q) {
                 int saved = errno;
                 df_TagBadBlock(rec->diskId, static_cast<int32_t>(rec->blkId));
                 errno = saved;
+            } else if (!block_in_use(rec->diskId, static_cast<int32_t>(rec->blkId))) {
+                q->segFound = 0;  // a free block lists nothing
+                result = 0;
             } else {
                 const uint32_t sectors = std::min(kScanSectors, q->segSize / kSector);
                 q->segFound = scan_sectors(h, q->segBuf, sectors, q->out, n);
@@ -196,7 +195,10 @@ QVFS_API int bf_BlockStatSeg(TQvBlkSegQuery* q) {
 }
 
 QVFS_API int bf_GetBlockStat(uint32_t disk, uint32_t blkId, TQvBlkStat* out) {
-    if (out == nullptr) return -1;
+    if (out == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
     ProcLockGuard blkMutex(g_tBlkMutex);
     TQvBlkId id{disk, static_cast<int32_t>(blkId)};
     TQvBlkRec* h = _bf_GetBlock(&id);
@@ -243,6 +245,21 @@ QVFS_API int bf_GetBlockFileNum(const char* path, uint32_t blkId) {
     }
     _bf_PutBlock(h);
     return cnt;
+}
+
+QVFS_API int bf_GetBlockUsers(uint32_t disk, uint32_t blkId) {
+    if (disk >= QVFS_MAX_DISKS) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
+    if (blkId >= qvfs::disk::kMaxBlocks) {
+        errno = QVFS_ERR_BADHANDLE;
+        return -1;
+    }
+    // Loads and drops change the count under this lock only.
+    ProcLockGuard tableLock(g_tBlkFileMutex);
+    const int32_t refs = blkfile_record_refs(block_owner_key(disk, static_cast<int32_t>(blkId)));
+    return refs > 0 ? refs : 0;
 }
 
 }  // extern "C"

@@ -47,19 +47,23 @@ QVFS_API int bf_Unlink(const char* name) {
         const int32_t blk = static_cast<int32_t>(rec->blkId);
         auto* entry = static_cast<TQvBlkSliceInfo*>(qvfs_Malloc(sizeof(TQvBlkSliceInfo)));
         uint32_t k = 0;
+        if (entry != nullptr) std::memset(entry, 0, sizeof *entry);  // a short read leaves zeros
         if (entry == nullptr) {
             errno = QVFS_ERR_NOMEM;
-        } else if (!name_slice_number(name, &k) || !slice_in_directory(hd, k)) {
-            // A slice number that leads outside the directory names no file:
-            // refused like a wrong check code, nothing read or written.
+        } else if (!block_in_use(rec->diskId, blk) || !name_slice_number(name, &k) || !slice_in_directory(hd, k)) {
+            // A free block, or a slice number that leads outside the
+            // directory, names no file: refused like a wrong check code,
+            // nothing read or written.
         } else if (plat::seek(h->fd, rec->blkAddr + uint64_t(k) * kSector) < 0 ||
                    TCT_Read(h->fd, entry, kSector, counttest_BlkType2CountTestType(int(hd.dataType))) < 0) {
             errno += QVFS_ERR_SYS;
             int saved = errno;
             df_TagBadBlock(rec->diskId, blk);
             errno = saved;
-        } else if (strncasecmp(name_check_code(name), entry->verify, 4) != 0) {
-            // Wrong check code (a deleted entry has none): no error code.
+        } else if (strncasecmp(name_check_code(name), entry->verify, 4) != 0 ||
+                   !name_extension_matches(name, *entry)) {
+            // Wrong check code (a deleted entry has none) or another
+            // extension: no such file, no error code.
         } else {
             if (entry->lock == 1) _bf_BlockOpt(h, 0, 0);
             if (entry->recType - 1 >= 2) _bf_BlockOpt(h, 1, -1);

@@ -6,8 +6,8 @@
 //   layer key file  "/dvr/qvfs/qvfslayer"  project numbers
 //        65  owner list segment        97  g_qvFileMutex
 //        66  record pool segment       98  g_tBlkFileMutex
-//                                      99  g_tBlkMutex
-//                                     100  g_tTimerMutex
+//        67  state segment             99  g_tBlkMutex
+//   101..125 segment of disk 0..24    100  g_tTimerMutex
 //   share key files "/dvr/qvfs/qvfs<f>", f = 0..16: share index i uses file
 //        i / 126 with project number (i % 126) + 1.
 //
@@ -44,6 +44,11 @@ inline constexpr int kProjFileMutex = 97;     // g_qvFileMutex
 inline constexpr int kProjBlkFileMutex = 98;  // g_tBlkFileMutex
 inline constexpr int kProjBlkMutex = 99;      // g_tBlkMutex
 inline constexpr int kProjTimerMutex = 100;   // g_tTimerMutex
+// The library's own segments beyond the fixed records (common/state.h): the
+// state segment, and one segment per disk d with project number
+// kProjDiskSegment0 + d for what a disk needs in proportion to its blocks.
+inline constexpr int kProjState = 67;
+inline constexpr int kProjDiskSegment0 = 101;  // 101..125
 
 inline constexpr int kIndexesPerKeyFile = 126;
 inline constexpr int kKeyCacheEntries = 32;  // room for key files 0..31 (0..16 used)
@@ -105,6 +110,14 @@ int layer_key(int projId);
 // Semaphore key of the lock of the record with a share index: its share key
 // plus 0x10000; -1 when the share key cannot be had.
 int record_lock_key(uint32_t shareIndex);
+
+// Number of references all processes hold on the block-file record
+// registered under ownerKey (its shrRef), 0 when no record is registered
+// under that key. Registers, creates and attaches nothing for good: a record
+// in its own segment is attached read-only for the read and detached again.
+// The caller holds g_tBlkFileMutex, which guards the owner slots of
+// block-file records and their counts.
+int32_t blkfile_record_refs(uint64_t ownerKey);
 
 // One entry of the per-process share table (one per disk), filled by
 // fsc_DfMalloc. All zero until then.

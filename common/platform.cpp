@@ -13,6 +13,7 @@
 #include <sys/ioctl.h>
 #include <sys/ipc.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <array>
@@ -319,24 +320,52 @@ int flush(int fd) {
     return 0;
 }
 
+int64_t device_size_of(int fd) {
+    struct stat st;
+    if (::fstat(fd, &st) != 0) return -1;
+    if (S_ISREG(st.st_mode)) return st.st_size;
+    uint64_t bytes = 0;
+    unsigned long sectors = 0;
+    if (::ioctl(fd, BLKGETSIZE64, &bytes) == 0) return static_cast<int64_t>(bytes);
+    if (::ioctl(fd, BLKGETSIZE, &sectors) == 0) return static_cast<int64_t>(sectors) * 512;
+    return 0;
+}
+
 int64_t device_size(const char* sysPath) {
     int fd = open_device(sysPath, O_RDONLY);
     if (fd < 0) return -1;
-    int64_t size = 0;
-    struct stat st;
-    if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
-        size = st.st_size;
-    } else {
-        uint64_t bytes = 0;
-        unsigned long sectors = 0;
-        if (::ioctl(fd, BLKGETSIZE64, &bytes) == 0) {
-            size = static_cast<int64_t>(bytes);
-        } else if (::ioctl(fd, BLKGETSIZE, &sectors) == 0) {
-            size = static_cast<int64_t>(sectors) * 512;
-        }
-    }
+    int64_t size = device_size_of(fd);
+    if (size < 0) size = 0;
     close_fd(fd);
     return size;
+}
+
+bool memory_readable(const void* p, std::size_t len) {
+    if (len == 0) return true;
+    // The kernel copies from our own address space and reports EFAULT
+    // instead of faulting: a probe that cannot crash.
+    char sink[64];
+    std::size_t n = len < sizeof sink ? len : sizeof sink;
+    struct iovec local{sink, n};
+    struct iovec remote{const_cast<void*>(p), n};
+    const int saved = errno;
+    bool fault = false;
+    if (::process_vm_readv(::getpid(), &local, 1, &remote, 1, 0) < 0) {
+        fault = errno == EFAULT;
+        // Where that call is refused or not there (EPERM under a strict
+        // sandbox, ENOSYS under a user-mode emulator), a write of the first
+        // byte into a pipe of our own asks the same question.
+        int fds[2];
+        if (!fault && ::pipe2(fds, O_CLOEXEC | O_NONBLOCK) == 0) {
+            fault = ::write(fds[1], p, 1) < 0 && errno == EFAULT;
+            ::close(fds[0]);
+            ::close(fds[1]);
+        }
+    }
+    errno = saved;
+    // A probe that cannot be made proves nothing: the memory then counts
+    // as readable.
+    return !fault;
 }
 
 bool device_present(int fd) {

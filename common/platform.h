@@ -67,6 +67,15 @@ int flush(int fd);
 // BLKGETSIZE x 512, else 0 (for a regular file its size). -1 with errno when
 // the path cannot be opened.
 int64_t device_size(const char* sys_path);
+// The same for a descriptor already open; -1 with errno when fstat fails.
+int64_t device_size_of(int fd);
+
+// ---- caller memory ------------------------------------------------------------
+
+// Whether the first len bytes (at most 64 are probed) at p can be read by
+// the process, tested without touching them: tells a transfer that stopped
+// at the caller's memory from one the device cut short.
+bool memory_readable(const void* p, std::size_t len);
 
 // The presence request (0x400): true when the device counts as present.
 // A device that does not support the request (ENOTTY, EINVAL, or not a

@@ -21,6 +21,7 @@
 
 #include "keys.h"
 #include "platform.h"
+#include "state.h"
 
 TQvfsFileList* g_stQvfsFileList = nullptr;
 void* g_stQvfsShrPool = nullptr;
@@ -267,6 +268,9 @@ int fsc_ShareInit(void) {
         else
             g_stQvfsShrPool = fsc_MallocV2(key, QVFS_SHR_POOL_SIZE, nullptr, nullptr);
     }
+    // The library's own shared state; its absence does not fail the start
+    // (the features that need it check for it).
+    state_attach();
     return result;
 }
 
@@ -386,6 +390,24 @@ int record_lock_key(uint32_t shareIndex) {
     return static_cast<int>(static_cast<uint32_t>(key) + kRecordLockKeyOffset);
 }
 
+int32_t blkfile_record_refs(uint64_t ownerKey) {
+    if (ownerKey == 0 || g_stQvfsFileList == nullptr || g_stQvfsShrPool == nullptr) return 0;
+    for (uint32_t s = 0; s < kSlotsPerKind; ++s) {
+        const uint32_t index = kBlkFileIndexBase + s;
+        if (owner_of(index) != ownerKey) continue;
+        if (s < kPoolSlotsPerKind) return rec_i32(pool_record(kBlkFileKind, s), kBlkRecShrRefOff);
+        // Its own segment: looked up, never created.
+        const int key = fsc_GetShmKey(static_cast<int>(index));
+        const int id = key == -1 ? -1 : shmget(key, 0, 0);
+        void* rec = id < 0 ? reinterpret_cast<void*>(-1) : shmat(id, nullptr, SHM_RDONLY);
+        if (rec == reinterpret_cast<void*>(-1)) return 0;  // registered, but its segment is gone
+        const int32_t refs = rec_i32(rec, kBlkRecShrRefOff);
+        shmdt(rec);
+        return refs;
+    }
+    return 0;
+}
+
 const ShareEntry& share_entry(int disk) {
     static const ShareEntry kNone{};
     if (disk < 0 || disk >= QVFS_MAX_DISKS) return kNone;
@@ -397,6 +419,7 @@ void pool_reset_process_state() {
     if (g_stQvfsShrPool != nullptr) shmdt(g_stQvfsShrPool);
     g_stQvfsFileList = nullptr;
     g_stQvfsShrPool = nullptr;
+    state_detach();
     for (auto& e : g_keyCache) e.store(0, std::memory_order_relaxed);
     g_shareTable.fill(ShareEntry{});
 }

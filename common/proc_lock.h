@@ -11,6 +11,11 @@
 
 namespace qvfs {
 
+// Whether an inter-process lock still exists in the system. A process whose
+// locks were removed under it (ipcrm, a test that swaps the key directory)
+// has lost its shared state and must start the layers again.
+bool lock_exists(int semId);
+
 // Holds an inter-process lock (a System V semaphore id, -1 for none).
 class ProcLockGuard {
 public:

@@ -45,6 +45,9 @@ enum {
     QVFS_ERR_CHANNEL = 1011,      /* channel number 1024 or more */
     QVFS_ERR_BLOCKRANGE = 1012,   /* offset or length beyond the block size */
     QVFS_ERR_TOOMANYBLOCKS = 1013,/* the process already has 1024 blocks loaded */
+    QVFS_ERR_DAMAGED = 1014,      /* disk metadata that breaks the format's rules or does not fit
+                                     the device: damaged header or file entry, truncated device */
+    QVFS_ERR_NOTBAD = 1020,       /* the block is not marked bad */
     QVFS_ERR_FMT_NOSHARE = 4001,  /* format: the disk's shared image could not be obtained */
     QVFS_ERR_FMT_TOOSMALL = 4004, /* format: device or requested size too small */
     QVFS_ERR_NOTINIT = -1010,     /* the library is not initialised in this process */

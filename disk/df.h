@@ -34,8 +34,14 @@ QVFS_API int _df_ClearBlockHead(TQvDiskRec* disk, int32_t block, uint32_t length
 QVFS_API int df_DiskFormat(const char* path, uint32_t mode, uint64_t size);
 
 // ---- disk table, mount, flush thread ----
+// Once per process (again in a forked child, or when the process's locks
+// were removed): makes the disk locks and g_tTimerMutex and starts the flush
+// thread. A repeated call in the same process changes nothing.
 QVFS_API int df_Init(void);
 QVFS_API int df_Uninit(void);
+// Opens the device and loads (first process) or checks (later ones) the
+// disk's image. 0, or -1: 1005 not formatted, 1014 a header that breaks the
+// layout's rules or describes more than the device holds, 3000 + errno.
 QVFS_API int df_DiskMount(const char* path);
 QVFS_API int df_DiskUnmout(const char* path, uint32_t mode);
 QVFS_API int df_DiskStatfs(const char* path, TQvStatfs* out);
@@ -60,6 +66,7 @@ QVFS_API uint32_t df_IsBlockAllocated(uint32_t disk, int32_t block);
 // ---- bad blocks ----
 QVFS_API int df_TagBadBlock(uint32_t disk, int32_t block);
 QVFS_API int df_TagBadUnit(const char* path, uint64_t offset, uint32_t length);
+QVFS_API int df_ClearBadBlock(uint32_t disk, int32_t block);
 
 // ---- usage queries and dump ----
 QVFS_API uint32_t df_GetDiskUsedBlockNum(const char* path);

@@ -1,5 +1,6 @@
 // format.cpp - laying out an empty disk: header twice, both meta regions,
-// and in mode 1 the zeroed head of every block.
+// and the zeroed head of every block (its first sector, or in mode 1 its
+// whole self-info area).
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -19,8 +20,8 @@ namespace {
 
 // Smallest size that holds one whole block: the data area starts at
 // dataStart, and one block's worth at the end of the device never belongs to
-// a block.
-constexpr uint64_t kMinFormatSize = kDataStart + kBlockSize;  // 0x81100000
+// a block. A smaller size would format to a disk without a block.
+constexpr uint64_t kMinFormatSize = kDataStart + 2ull * kBlockSize;  // 0xC1100000
 
 // Writes the status map and all sixteen type chunks of one meta region.
 // Returns the number of pieces that failed or were skipped offline.
@@ -118,16 +119,24 @@ int df_DiskFormat(const char* path, uint32_t mode, uint64_t size) {
             return -1;
         }
 
-        if (mode == 1) {
-            time_t noted = time(nullptr);
-            for (uint32_t b = 0; b < d.share->head.tolblk; ++b) {
-                if (time(nullptr) > noted) {
-                    lock.unlock();
-                    usleep(1000);
-                    lock.lock();
-                    noted = time(nullptr);
-                }
+        // Every block's head goes: the whole self-info area in mode 1, else
+        // its first sector, which leaves a header that reads as a fresh
+        // block, so that no name from before the format leads anywhere.
+        // The lock is let go for 1 ms once a second so that other
+        // processes can reach the disk's image.
+        static const uint8_t kZeroSector[kBlockHeadSize] = {};
+        time_t noted = time(nullptr);
+        for (uint32_t b = 0; b < d.share->head.tolblk; ++b) {
+            if (time(nullptr) > noted) {
+                lock.unlock();
+                usleep(1000);
+                lock.lock();
+                noted = time(nullptr);
+            }
+            if (mode == 1) {
                 if (_df_ClearBlockHead(&d, static_cast<int32_t>(b), 0xFFFFFFFFu) != 0) return -1;
+            } else if (put_piece(d.fd, block_addr(d.share->head, b), kZeroSector, kBlockHeadSize) != Put::kOk) {
+                return -1;
             }
         }
         return 0;

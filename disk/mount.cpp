@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -21,6 +22,50 @@ constexpr TQvDiskRec kUnsetDisk{-1, -1, -1, 0, nullptr};
 // The header read as a zero-terminated string equals "QVFS": the four
 // letters and a zero byte. Never looks past byte 4.
 bool is_magic(const void* head) { return std::memcmp(head, "QVFS", 5) == 0; }
+
+// Whether a header describes a disk of this format that the device holds
+// whole: the fixed layout values, at most 131072 blocks whose area ends at
+// dataEnd, and a device at least that long. Everything the layers compute
+// an address from comes from these fields, so a header that breaks any of
+// them is never used (its magic was tested before). False sets errno 1014,
+// or 3000 + errno when the device size cannot be read.
+bool head_fits(const TQvDiskHead& h, int fd) {
+    const int64_t device = qvfs::plat::device_size_of(fd);
+    if (device < 0) {
+        qvfs::raise_sys_error();
+        return false;
+    }
+    const bool layout = h.ver <= kDiskVersion && h.metaSize == kMetaSize && h.blockSize == kBlockSize &&
+                        h.dataStart == kDataStart && h.tolblk <= kMaxBlocks &&
+                        h.dataEnd == h.dataStart + uint64_t(h.tolblk) * h.blockSize;
+    if (!layout || h.dataEnd > static_cast<uint64_t>(device)) {
+        errno = QVFS_ERR_DAMAGED;
+        return false;
+    }
+    return true;
+}
+
+// Brings the loaded status map and tables inside what the header allows, so
+// that no damaged byte leads the allocator or a query outside the disk:
+// a status other than the four defined ones makes the block bad (its content
+// is unknown; it is neither handed out nor given back), statuses beyond the
+// block count are cleared, a current block outside the disk becomes none and
+// a block count above the disk's blocks is cut to them. Only the image
+// changes; the meta regions take it with the next write of each piece.
+void sanitise_tables(TQvDiskShare& s) {
+    const uint32_t blocks = map_blocks(s.head);
+    for (uint32_t i = 0; i < blocks; ++i) {
+        const uint8_t v = s.map[i];
+        if (v != QV_BLK_FREE && v != QV_BLK_USED && !is_bad(v)) s.map[i] = QV_BLK_BAD;
+    }
+    std::memset(s.map + blocks, 0, kMaxBlocks - blocks);
+    for (uint32_t t = 0; t < kTypes; ++t) {
+        for (uint32_t c = 0; c < kChannels; ++c) {
+            if (s.current[t][c] < -1 || s.current[t][c] >= int64_t(blocks)) s.current[t][c] = -1;
+            if (s.count[t][c] > blocks) s.count[t][c] = blocks;
+        }
+    }
+}
 
 // Reads one header copy into buf. False leaves errno + 3000.
 bool read_head(int fd, void* buf) {
@@ -60,15 +105,13 @@ int load_image(TQvDiskRec& d) {
         region = 1;
     }
     // The header decides how much of the image is trusted: the magic says
-    // the partition is ours, the block count must fit the status map.
+    // the partition is ours, the layout values and the device size that its
+    // addresses stay inside the disk.
     if (!is_magic(&s.head)) {
         errno = QVFS_ERR_NOTFORMATTED;
         return -1;
     }
-    if (s.head.tolblk > kMaxBlocks) {
-        errno = QVFS_ERR_BADHANDLE;
-        return -1;
-    }
+    if (!head_fits(s.head, d.fd)) return -1;
 
     int32_t mapIndex = 0;
     if (!get_piece(d.fd, map_first(region), s.map, kMapSize)) {
@@ -97,9 +140,13 @@ int load_image(TQvDiskRec& d) {
         if (!read_chunk(d.fd, current_chunk(region, t), s.current[t])) return -1;
         if (!upgraded && !read_chunk(d.fd, count_chunk(region, t), s.count[t])) return -1;
     }
+    sanitise_tables(s);
     s.mapIndex = mapIndex;
     return 0;
 }
+
+// Process that last ran df_Init; a forked child runs it afresh.
+std::atomic<pid_t> g_initPid{0};
 
 }  // namespace
 
@@ -113,7 +160,12 @@ QVFS_API TQvDiskRec g_astQvDisk[QVFS_MAX_DISKS] = {
 QVFS_API int g_tTimerMutex = -1;
 QVFS_API uint64_t g_ullUnitSize = 0;
 
+// Once per process: a second call in the same process changes nothing
+// (the flush thread is reading the table), while a forked child, which
+// inherits the table but not the thread, starts over, and so does a process
+// whose locks were removed under it.
 int df_Init(void) {
+    if (g_initPid.load() == getpid() && qvfs::lock_exists(g_tTimerMutex)) return 0;
     int failures = 0;
     for (uint32_t i = 0; i < QVFS_MAX_DISKS; ++i) {
         TQvDiskRec& d = rec(i);
@@ -128,7 +180,9 @@ int df_Init(void) {
     std::snprintf(path, sizeof path, "%s/qvfslayer", QVFS_KEY_DIR);
     g_tTimerMutex = fsc_ProcLockInit(fsc_GetShareKey(path, 100));
     start_flush_thread();
-    return failures ? -1 : 0;
+    if (failures) return -1;
+    g_initPid.store(getpid());
+    return 0;
 }
 
 int df_Uninit(void) { return 0; }
@@ -157,7 +211,9 @@ int _df_LoadDisk(TQvDiskRec* disk) {
             errno = QVFS_ERR_NOTFORMATTED;
             return -1;
         }
-        return 0;
+        // The image was checked by the process that loaded it; this
+        // process's device must still hold the disk it describes.
+        return head_fits(d.share->head, d.fd) ? 0 : -1;
     }();
     if (result != 0) d.share = nullptr;
     return result;
@@ -212,7 +268,9 @@ int df_DiskMount(const char* path) {
         errno = err;
         return -1;
     }
-    g_ullUnitSize = d.share->head.blockSize;
+    // Taken from a header that passed head_fits: every disk has the one
+    // block size of the format, so no disk changes what another one does.
+    __atomic_store_n(&g_ullUnitSize, uint64_t(d.share->head.blockSize), __ATOMIC_RELAXED);
     // Only a mount that opened the device counts: a process mounts a disk
     // once however often it calls this.
     if (openedHere) ++d.share->mounted;
@@ -269,12 +327,16 @@ int df_DiskStatfs(const char* path, TQvStatfs* out) {
 }
 
 int df_IsDiskReady(uint32_t disk) {
-    if (disk >= QVFS_MAX_DISKS || rec(disk).share == nullptr) {
+    if (disk >= QVFS_MAX_DISKS) {
         errno = QVFS_ERR_BADARG;
         return -1;
     }
     TQvDiskRec& d = rec(disk);
-    qvfs::ProcLockGuard lock(d.lock);
+    qvfs::ProcLockGuard lock(d.lock);  // a mount may be setting share
+    if (d.share == nullptr) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
     return is_ready(d) ? 0 : -1;
 }
 
@@ -289,6 +351,6 @@ uint32_t df_GetDiskVersion(const char* path) {
     return d.share->head.ver;
 }
 
-uint64_t df_GetDiskUnitSize(void) { return g_ullUnitSize; }
+uint64_t df_GetDiskUnitSize(void) { return __atomic_load_n(&g_ullUnitSize, __ATOMIC_RELAXED); }
 
 }  // extern "C"

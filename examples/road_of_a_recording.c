@@ -8,7 +8,8 @@
  *
  * THE DISK IS FORMATTED: every recording on it is lost. Run it in a sandbox:
  * with QVFS_ROOT=/some/dir the library opens $QVFS_ROOT/dev/scsi/host00/part1,
- * which may be a sparse file of a few GiB (truncate -s 4G ...).
+ * which may be a sparse file of a few GiB (truncate -s 5G ...: two blocks;
+ * a disk holds its first block from 3089 MiB on).
  *
  * Build: cc road_of_a_recording.c $(pkg-config --cflags --libs qvfs)
  */

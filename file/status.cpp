@@ -17,8 +17,9 @@ int tf_GetFileStat(TQvFileStat* stat, TQvFileHandle* handle) {
     const TQvFileRec& rec = *handle->rec;
     const TQvBlkSliceInfo& s = rec.slice;
     // The length counts the pre-record ring (a ring with preStart == preEnd
-    // counts as full) and the main data.
-    int64_t size = int64_t(prerecord_length(s) + (s.dataEnd - s.dataStart));
+    // counts as full) and the main data, or before the ring pointers are set
+    // the bytes written into the reserved area.
+    int64_t size = int64_t(qvfs::bf::file_length(s));
     stat->st.st_size = size;
     stat->st.st_blocks = size / 512;
     stat->st.st_mtim.tv_sec = int32_t(uint32_t(s.endTime));
@@ -47,9 +48,12 @@ int tf_SetFileStat(const TQvFileStat* stat, TQvFileHandle* handle) {
     s.chn = uint32_t(stat->chn);
     s.startTime = stat->startTime;
     std::memcpy(s.usrParam, stat->usrParam, sizeof s.usrParam);
-    std::memcpy(rec.name, stat->name, sizeof rec.name);
-    rec.name[sizeof rec.name - 1] = '\0';
-    return bf_Sync(&s, handle->blkFile);
+    const int result = bf_Sync(&s, handle->blkFile);
+    file.unlock();
+    // The record's name belongs to the file table (the lookup by name reads
+    // it under g_qvFileMutex), never to the per-file lock.
+    set_record_name(rec, stat->name);
+    return result;
 }
 
 int tf_BlockOpt(TQvFileHandle* handle, uint32_t op, int32_t arg) {

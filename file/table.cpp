@@ -43,14 +43,26 @@ uint32_t read_hex(const char* p, int n) {
     return v;
 }
 
-// Whether the record's stored name is non-empty and occurs inside name. The
-// stored name lives in shared memory: it is bounded to its 64 bytes here
-// whatever another process left in it.
+// The name itself inside a string that holds one (a bare name, or a path
+// ending in one): from the 'H' 23 characters before its first '.' to the
+// end, extension included. A string without such a dot is its own name.
+const char* name_part(const char* s) {
+    const char* dot = std::strchr(s, '.');
+    return dot != nullptr && dot - s >= kMinDotPos ? dot - kMinDotPos : s;
+}
+
+// Whether the record's stored name is non-empty and the given name ends
+// with it (a device path in front of either does not count), extension
+// included: "...C00.rvdx" does not name the file stored as "...C00.rvd".
+// The stored name lives in shared memory: it is bounded to its 64 bytes
+// here whatever another process left in it. g_qvFileMutex held.
 bool stored_name_matches(const TQvFileRec* rec, const char* name) {
     char stored[kNameSize];
     std::memcpy(stored, rec->name, kNameSize);
     stored[kNameSize - 1] = '\0';
-    return stored[0] != '\0' && std::strstr(name, stored) != nullptr;
+    const char* want = name_part(stored);
+    const std::size_t n = std::strlen(want), given = std::strlen(name);
+    return n != 0 && given >= n && std::strcmp(name + (given - n), want) == 0;
 }
 
 // Counts one more open of the calling process in the owner slots: its own
@@ -168,9 +180,24 @@ bool holds_attachment(const void* rec) {
     return false;
 }
 
-void release_ref(TQvFileHandle* h) {
-    if (h->index >= kFileTableSize) return;
-    ProcLockGuard table(g_qvFileMutex);
+namespace {
+
+// The body of _tf_GetFile; g_qvFileMutex held.
+TQvFileHandle* get_file_locked(const char* name) {
+    if (name[0] != '\0') {
+        for (TQvFileHandle* h : g_fileTable) {
+            if (h == nullptr || h->rec == nullptr || !stored_name_matches(h->rec, name)) continue;
+            ++h->inRef;
+            ++h->rec->shrRef;
+            record_opener(h->rec, int32_t(getpid()));
+            return h;
+        }
+    }
+    return make_handle(name);
+}
+
+// The body of release_ref; g_qvFileMutex held.
+void release_ref_locked(TQvFileHandle* h) {
     --h->inRef;
     if (h->rec != nullptr) {
         --h->rec->shrRef;
@@ -188,6 +215,22 @@ void release_ref(TQvFileHandle* h) {
     }
 }
 
+}  // namespace
+
+void release_ref(TQvFileHandle* h) {
+    if (h->index >= kFileTableSize) return;
+    ProcLockGuard table(g_qvFileMutex);
+    release_ref_locked(h);
+}
+
+void set_record_name(TQvFileRec& rec, const char* name) {
+    char copy[kNameSize];
+    std::memcpy(copy, name, kNameSize);
+    copy[kNameSize - 1] = '\0';
+    ProcLockGuard table(g_qvFileMutex);
+    std::memcpy(rec.name, copy, kNameSize);
+}
+
 }  // namespace qvfs::file
 
 using namespace qvfs;
@@ -199,16 +242,7 @@ TQvFileHandle* _tf_GetFile(const char* name) {
         return nullptr;
     }
     ProcLockGuard table(g_qvFileMutex);
-    if (name[0] != '\0') {
-        for (TQvFileHandle* h : g_fileTable) {
-            if (h == nullptr || h->rec == nullptr || !stored_name_matches(h->rec, name)) continue;
-            ++h->inRef;
-            ++h->rec->shrRef;
-            record_opener(h->rec, int32_t(getpid()));
-            return h;
-        }
-    }
-    return make_handle(name);
+    return get_file_locked(name);
 }
 
 TQvFileHandle* _tf_CreateFile(const TQvfsOpenParam* param, char* name) {
@@ -275,18 +309,17 @@ int tf_Unlink(const char* name) {
     // whatever making the handle left in errno (a semaphore that already
     // existed, say) is not the caller's business.
     const int callerErrno = errno;
-    TQvFileHandle* h = _tf_GetFile(name);
+    // g_qvFileMutex is held from the test "nobody else has the file open"
+    // to the end of the deletion: every open, in any process, counts itself
+    // in the record under this lock before it reads the entry, so an open
+    // either comes first (and the unlink is refused) or comes after (and
+    // finds the entry gone). The block-file layer's locks come after this
+    // one in the lock order.
+    ProcLockGuard table(g_qvFileMutex);
+    TQvFileHandle* h = get_file_locked(name);
     if (h == nullptr) return -1;
-    if (h->rec == nullptr) {
-        release_ref(h);
-        return -1;
-    }
-    bool alone;
-    {
-        ProcLockGuard file(h->lockId);
-        alone = h->inRef < 2 && h->rec->shrRef < 2;
-    }
-    if (h->index < kFileTableSize) release_ref(h);
+    const bool alone = h->rec != nullptr && h->inRef < 2 && h->rec->shrRef < 2;
+    if (h->index < kFileTableSize) release_ref_locked(h);
     if (!alone) {
         errno = callerErrno;
         return -1;

@@ -45,8 +45,8 @@ QVFS_API int tf_Uninit(void);
 // With param and name: creates a new file (bf_CreateFile) and writes its
 // 27-character name (plus extension) into name, which must hold 33 bytes.
 // With name only: opens the file named by a text name or a path containing
-// one; a file this process has open already (its stored name occurs inside
-// name) returns the same handle with one more reference. Otherwise null
+// one; a file this process has open already (name ends with its stored
+// name, extension included) returns the same handle with one more reference. Otherwise null
 // without an error code. Returns the handle, or null: 1002 for a name that
 // leads to no usable file (empty, no '.', disk not ready, owner key 0), a
 // full file table or no shared record; the block-file layer's code when the
@@ -59,10 +59,13 @@ QVFS_API int tf_CloseFile(TQvFileHandle* handle);
 // Deletes the file of a name when nobody else holds it: bf_Unlink's result.
 // -1 with 1001 for a null name; -1 without an error code when another open
 // of the file exists in this or another process (the file stays); -1 with
-// the open's code when no handle can be made for the name.
+// the open's code when no handle can be made for the name. g_qvFileMutex is
+// held from the test to the end of the deletion, so an open of the same
+// file in any process either comes first (the unlink is refused) or finds
+// the file gone; never both succeed.
 QVFS_API int tf_Unlink(const char* name);
 
-// Finds the handle whose stored name occurs in name (one more reference) or
+// Finds the handle whose stored name ends name (one more reference) or
 // makes a new handle and attaches the file's shared record (first reference).
 // Does not open the block file. Null with 1002 on failure; the file table and
 // the records are then as before. Takes g_qvFileMutex.
@@ -73,12 +76,14 @@ QVFS_API TQvFileHandle* _tf_CreateFile(const TQvfsOpenParam* param, char* name);
 // ---- file I/O -----------------------------------------------------------------------
 // A file is up to three parts laid end to end: the older piece of a wrapped
 // pre-record ring, the rest of the ring, then the main data; before the
-// pre-record pointers are set, a file with a reserved area is addressed
-// linearly from resStart. Every call runs under the per-file lock.
+// pre-record pointers are set, a file with a reserved area is that area,
+// addressed linearly from resStart and never beyond resEnd. Every call runs
+// under the per-file lock.
 
 // Maps [pos, pos + len) onto block addresses: fills addr[] and lens[] (room
 // for 10 entries) in file order and returns the number of segments (1..3).
-// Reads are bounded by dataEnd, writes by 0x7FFFFFFF. -1 with 1001 for a
+// Reads are bounded by dataEnd, writes by 0x7FFFFFFF (by resEnd before the
+// ring pointers are set). -1 with 1001 for a
 // null slice or array; -1 without an error code for len 0 or when nothing
 // of the range lies in the file. Pure arithmetic.
 QVFS_API int _tf_MapSegments(uint32_t pos, uint32_t len, const TQvBlkSliceInfo* slice,
@@ -88,7 +93,8 @@ QVFS_API int _tf_MapSegments(uint32_t pos, uint32_t len, const TQvBlkSliceInfo* 
 // failed block read leaves the block layer's outcome in errNo). A read never
 // runs past the end of the file's block.
 QVFS_API int tf_Read(uint32_t pos, void* buf, uint32_t len, TQvFileHandle* handle);
-// Writes len bytes at file position pos; returns len, or -1 (as tf_Read).
+// Writes len bytes at file position pos; returns len, or -1 (as tf_Read;
+// 1012, nothing written, for a range the file cannot take whole).
 // A write that ends beyond dataEnd (and within the block) moves dataEnd and
 // endTime and stores the slice entry (bf_Sync); one inside the data does not.
 QVFS_API int tf_Write(uint32_t pos, const void* buf, uint32_t len, TQvFileHandle* handle);
@@ -103,13 +109,15 @@ QVFS_API int tf_Writev(uint32_t pos, const struct iovec* iov, int iovcnt, TQvFil
 QVFS_API int tf_SyncFile(TQvFileHandle* handle);
 // Sets the pre-record ring to [resStart + start, resStart + end) (wrapping
 // when end < start) and empties the main data at resEnd; stores the entry.
-// bf_Sync's result, or -1: 1001 null handle, 1012 start or end beyond the
-// block size.
+// bf_Sync's result, or -1 with 1001 and nothing changed: null handle, a file
+// without a reserved area, start or end not below the area's size.
 QVFS_API int tf_UpdataePreRecPtr(TQvFileHandle* handle, uint64_t start, uint64_t end);
 // Sets the file's length (the main data grows or shrinks; the pre-record
-// part stays) and stores the entry. bf_Sync's result, or -1: 1001 null
-// handle, 1012 length beyond the block size, no code for a length shorter
-// than the pre-record part.
+// part stays; before the ring pointers are set, the part of the reserved
+// area that counts) and stores the entry. bf_Sync's result, or -1: 1001 null
+// handle, 1012 length beyond the block size, a data end beyond the block or
+// beyond the reserved area, no code for a length shorter than the
+// pre-record part.
 QVFS_API int tf_ftruncate(TQvFileHandle* handle, uint64_t length);
 
 // ---- status and file information ------------------------------------------------
@@ -118,9 +126,10 @@ QVFS_API int tf_ftruncate(TQvFileHandle* handle, uint64_t length);
 // startTime, usrParam and name of stat; the other bytes stay. 0, or -1 with
 // 1001 for a null argument or a handle without record.
 QVFS_API int tf_GetFileStat(TQvFileStat* stat, TQvFileHandle* handle);
-// Copies lock, recType, endTime (from st_mtime), chn, startTime, usrParam
-// and name back into the record and stores the entry: bf_Sync's result, or
-// -1 with 1001 as above.
+// Copies lock, recType, endTime (from st_mtime), chn, startTime and usrParam
+// back into the record and stores the entry under the per-file lock, then
+// the name under g_qvFileMutex (the two are never held together):
+// bf_Sync's result, or -1 with 1001 as above.
 QVFS_API int tf_SetFileStat(const TQvFileStat* stat, TQvFileHandle* handle);
 
 // Information mask bits; the items belong in order to the set bits the call
@@ -205,11 +214,6 @@ namespace qvfs::file {
 // The handle in slot i of the process's file table, or null. For the dump
 // and tests; the caller holds g_qvFileMutex when others may change it.
 TQvFileHandle* table_entry(uint32_t slot);
-
-// Length of the pre-record data of a slice entry: 0 when either pointer is
-// 0, preEnd - preStart for an unwrapped ring, the whole reserved area plus
-// (preEnd - preStart) otherwise (so preStart == preEnd counts as full).
-uint64_t prerecord_length(const TQvBlkSliceInfo& s);
 
 // One poll of the task-check thread (the thread calls it every 5 seconds).
 // With the task device: the list-difference reclamation; without it: the

@@ -12,6 +12,10 @@ namespace qvfs::file {
 // layer.
 void release_ref(TQvFileHandle* h);
 
+// Stores a record's name (at most 63 characters) under g_qvFileMutex, which
+// guards it; the caller holds no lock of this layer.
+void set_record_name(TQvFileRec& rec, const char* name);
+
 // Whether a handle of this process uses this very attachment of a record.
 // The caller holds g_qvFileMutex.
 bool holds_attachment(const void* rec);

@@ -81,17 +81,18 @@ TEST_F(BlockTest, FilesOfAFreshBlock) {
               std::make_tuple(g.slice.sliceID, std::string(g.name).substr(8, 4), refs(f.h)));
     h.cnt = h.slice = 2;
     EXPECT_EQ(fields(h), fields(head_on_disk(1, 0)));
-    // A reserved region, 8 characters of extension (7 in the entry), a
-    // previous name; a backup file (lock 2, 'B', its own block type) whose
-    // malformed previous name is ignored.
+    // A reserved region (until its ring pointers are set the file is the part
+    // of the area written so far; the next file starts behind the area), 7
+    // characters of extension, a previous name; a backup file (lock 2, 'B',
+    // its own block type) whose malformed previous name is ignored.
     TQvfsOpenParam res = param(2, 1, 0x100000, 0, 1), bak = param(2, 2, 0, 0, 1);
-    std::memcpy(res.ext, "abcdefgh", 8);
+    std::memcpy(res.ext, "abcdefg", 8);
     std::strcpy(res.preName, "H1000000000112AB0000C01.jpg");
     std::strcpy(bak.preName, "too short");
     BFile a = bf_create(res), b = bf_create(bak);
-    EXPECT_EQ(std::make_tuple(uint64_t{0x200000}, uint64_t{0x300000}, uint64_t{0}, uint64_t{0}),
-              std::make_tuple(a.slice.resStart, a.slice.resEnd, a.slice.dataStart, a.slice.dataEnd));
-    EXPECT_STREQ(".abcdefgh", std::strchr(a.name, '.'));
+    EXPECT_EQ(std::make_tuple(uint64_t{0x200000}, uint64_t{0x300000}, uint64_t{0x200000}, uint64_t{0x200000}, 0x300000u),
+              std::make_tuple(a.slice.resStart, a.slice.resEnd, a.slice.dataStart, a.slice.dataEnd, a.h->share->header.next));
+    EXPECT_STREQ(".abcdefg", std::strchr(a.name, '.'));
     EXPECT_STREQ("abcdefg", a.slice.ext);
     EXPECT_EQ(0, std::memcmp("1000000000112AB\x01", a.slice.preName, 16)) << "the 16-byte form";
     EXPECT_EQ(std::make_tuple(2u, 'B', 2u, 2u, 0), std::make_tuple(b.slice.lock, b.name[20], b.h->share->header.dataType,
@@ -218,7 +219,7 @@ TEST_F(BlockTest, ALoadKeepsTheSharedCopyOfABlockOthersHold) {
     EXPECT_EQ(std::make_pair(kLockZero + 1, 1), std::make_pair(f.h->share->header.lock, f.h->share->shrRef));
     bf_CloseFile(f.h);
     TQvBlkInfo fresh{};
-    fresh.Len = 0x200000, fresh.next = 0x200000, fresh.cnt = 77, fresh.slice = 3;
+    fresh.Len = 0x200000, fresh.next = 0x200000, fresh.cnt = 77, fresh.slice = 77;
     put_head(0, 0, fresh);
     TQvBlkRec* h = get(0, 0);
     ASSERT_NE(nullptr, h);

@@ -18,7 +18,6 @@
 #include "disk/df.h"
 #include "disk/df_format.h"
 #include "support/cli_env.h"
-#include "support/disk_env.h"
 
 namespace qvfs::test {
 namespace {
@@ -62,7 +61,7 @@ protected:
 public:
     // Damage to disk 0's image, behind the library's back.
     template <typename T>
-    void put(uint64_t off, const T& v) { write_image(0, off, &v, sizeof v); }
+    void put(uint64_t off, const T& v) { write_dev(0, off, &v, sizeof v); }
     // Sets a status byte in every copy of the map.
     void set_status_everywhere(uint32_t b, uint8_t s) {
         for (uint32_t r = 0; r < 2; ++r) put(map_first(r) + b, s), put(map_second(r) + b, s);
@@ -161,6 +160,8 @@ const Damage kDamages[] = {
      "counts 2 files (cnt) but the slice directory holds 1 live entry", 1},
     {"EntryOfAnotherChannel", [](CliCheck& t) { t.put(entry_at(0, 3) + offsetof(TQvBlkSliceInfo, chn), uint32_t{9}); },
      "slice-entry", 0, "slice 3: channel 9 differs from the block's channel 1", 1},
+    {"NameNotText", [](CliCheck& t) { t.put(entry_at(0, 1) + offsetof(TQvBlkSliceInfo, ext), uint16_t{0xFF01}); },
+     "slice-entry", 0, "slice 1: damaged name: check code", 1},
     {"FreeBlockWithAHeader", [](CliCheck& t) { t.put(block_at(3) + offsetof(TQvBlkInfo, chn), uint32_t{7}); },
      "free-header", 3, "block 3: marked free but its header is not zero", 1},
     {"HeaderNotAcceptable", [](CliCheck& t) { t.put(block_at(0) + offsetof(TQvBlkInfo, slice), uint32_t{5000}); },

@@ -7,9 +7,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
+#include "blockfile/bf_format.h"
+#include "disk/df_format.h"
 #include "support/cli_env.h"
 
 namespace qvfs::test {
@@ -79,6 +82,18 @@ TEST_F(CliFiles, LsStatCatAndExportShowWhatWasRecorded) {
     EXPECT_EQ("", toStdout.err) << "no progress bar without a terminal";
     EXPECT_TRUE(fails_with(1, qvfs({"export", a, sbx_.root() + "/no/such/dir/x"}),
                            "cannot create " + sbx_.root() + "/no/such/dir/x: "));
+    // An existing file is replaced only with --force, through a temporary
+    // file that is gone afterwards; a failed export leaves the file as it was.
+    std::ofstream(file) << "mine";
+    EXPECT_TRUE(fails_with(1, qvfs({"export", a, file}), "cannot export to " + file + ": it exists (--force"));
+    std::string missing = a;
+    missing.replace(8, 4, "00FF");
+    EXPECT_TRUE(fails_with(1, qvfs({"export", missing, file, "--force"}), no_such(missing)));
+    EXPECT_EQ("mine", slurp(file));
+    EXPECT_EQ(0, qvfs({"export", a, file, "--force"}).status);
+    EXPECT_TRUE(slurp(file) == bytes) << "export --force";
+    for (const auto& e : std::filesystem::directory_iterator(sbx_.root()))
+        EXPECT_EQ(std::string::npos, e.path().filename().string().find("qvfs-export")) << e.path();
 }
 
 TEST_F(CliFiles, FindCrossesBlocksAndChannelsWithinTheTimeRange) {
@@ -160,7 +175,10 @@ TEST_F(CliFiles, LockUnlockAndRemoveKeepTheBlockCountsRight) {
     ASSERT_GE(h, 0);
     EXPECT_TRUE(fails_with(1, qvfs({"rm", b}), "qvfs: cannot remove " + b + ": the file is open in a process\n"));
     EXPECT_EQ(0, qvfs_Close(h));
-    EXPECT_EQ("removed " + a + "\n", qvfs({"rm", a}).out);
+    // Nor is a locked one, unless forced.
+    ASSERT_EQ(0, qvfs_Lock(a.c_str(), 1));
+    EXPECT_TRUE(fails_with(1, qvfs({"rm", a}), ": the file is locked (--force removes it anyway)\n"));
+    EXPECT_EQ("removed " + a + "\n", qvfs({"rm", a, "--force"}).out);
     TQvFileStat st;
     EXPECT_EQ(-1, qvfs_Stat(a.c_str(), &st));
     EXPECT_TRUE(fails_with(1, qvfs({"rm", a}), no_such(a)));
@@ -169,8 +187,9 @@ TEST_F(CliFiles, LockUnlockAndRemoveKeepTheBlockCountsRight) {
 
 TEST_F(CliFiles, NamesAreCheckedBeforeAnyDiskIsUsed) {
     const std::string a = record(1, 0, kT0, pattern(1, 0, 100));
+    // Extensions are 1 to 7 printable characters.
     for (const std::string& bad : {std::string("Hxyz"), a.substr(1), "X" + a.substr(1), a.substr(0, 23) + "xrvd",
-                                   std::string("")})
+                                   std::string(""), a.substr(0, 24), a.substr(0, 24) + "r\x01d", a + "12345"})
         for (const char* cmd : {"stat", "cat", "rm"}) EXPECT_TRUE(fails_with(2, qvfs({cmd, bad}))) << cmd << " " << bad;
     // Well formed, but no such slice; a name on a disk that is not there.
     std::string missing = a, elsewhere = a;
@@ -180,6 +199,16 @@ TEST_F(CliFiles, NamesAreCheckedBeforeAnyDiskIsUsed) {
     EXPECT_EQ("", r.out);
     elsewhere[1] = elsewhere[22] = '7';
     EXPECT_TRUE(fails_with(1, qvfs({"stat", elsewhere}), "cannot mount disk 7 (/dev/scsi/host07/part1): "));
+
+    // A damaged disk: bytes in a stored extension that are no text are shown
+    // escaped, in one table row and in valid JSON.
+    write_dev(0, qvfs::disk::kDataStart + 512 + offsetof(TQvBlkSliceInfo, ext), "\x01\xff\n", 4);
+    const std::string shown = a.substr(0, 24) + "\\x01\\xff\\x0a";
+    EXPECT_EQ(shown, json({"ls", "0", "0", "--json"})["files"][0]["name"]);
+    EXPECT_EQ(shown, json({"find", "0", "--channel", "1", "--json"})["files"][0]["name"]);
+    const std::string text = qvfs({"ls", "0", "0"}).out;
+    EXPECT_EQ(2, std::count(text.begin(), text.end(), '\n')) << text;
+    EXPECT_EQ(shown + " ", text.substr(text.find('\n') + 1, shown.size() + 1)) << text;
 }
 
 TEST_F(CliFiles, ImportRecordsAFileThatTheLibraryReadsBack) {
@@ -201,8 +230,14 @@ TEST_F(CliFiles, ImportRecordsAFileThatTheLibraryReadsBack) {
 
     EXPECT_TRUE(fails_with(1, qvfs({"import", "0", sbx_.root() + "/none", "--channel", "4"})));
     EXPECT_TRUE(fails_with(2, qvfs({"import", "0", src})));  // no channel
-    EXPECT_TRUE(fails_with(2, qvfs({"import", "0", src, "--channel", "4", "--start", "@1709287200", "--end",
-                                    "@1709287199"})));
+    // Times the disk cannot hold, extensions a name cannot carry.
+    for (const Args& bad : {Args{"--start", "@1709287200", "--end", "@1709287199"}, Args{"--start", "2040-01-01"},
+                            Args{"--start", "@4294967296"}, Args{"--end", "@-1"}, Args{"--ext", "a/b"},
+                            Args{"--ext", "12345678"}, Args{"--ext", "r\tv"}}) {
+        Args args{"import", "0", src, "--channel", "4"};
+        args.insert(args.end(), bad.begin(), bad.end());
+        EXPECT_TRUE(fails_with(2, qvfs(args))) << bad[1];
+    }
 }
 
 }  // namespace

@@ -11,21 +11,35 @@ add_test(NAME header_compiles_as_c99 COMMAND header_c_check)
 add_test(NAME exported_symbols
   COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/check_exports.sh $<TARGET_FILE:qvfs> ${CMAKE_SOURCE_DIR})
 
-# The example program, built as an application builds it: against a copy of
-# the library installed into the test's sandbox, with pkg-config's flags.
-if(TARGET api_example_test)
+# The install tree (tests/install_check.sh, run inside a test sandbox):
+# pkg-config and find_package builds of the example, run paths, the
+# installed tool.
+if(TARGET install_test)
   set(QVFS_EXAMPLE_CFLAGS "")
   if(QVFS_SANITIZE)
     set(QVFS_EXAMPLE_CFLAGS "-fsanitize=address,undefined")
   endif()
-  # A cross build runs the example through the same emulator as the tests.
+  # A cross build runs the programs through the same emulator as the tests.
   string(REPLACE ";" " " QVFS_EXAMPLE_RUNNER "${CMAKE_CROSSCOMPILING_EMULATOR}")
-  target_compile_definitions(api_example_test PRIVATE
+  set(QVFS_INSTALLED_TOOL 0)
+  if(TARGET qvfs-tool)
+    set(QVFS_INSTALLED_TOOL 1)
+  endif()
+  target_compile_definitions(install_test PRIVATE
     QVFS_BUILD_DIR="${CMAKE_BINARY_DIR}" QVFS_SOURCE_DIR="${CMAKE_SOURCE_DIR}"
     QVFS_C_COMPILER="${CMAKE_C_COMPILER}" QVFS_INSTALL_LIBDIR="${CMAKE_INSTALL_LIBDIR}"
-    QVFS_EXTRA_CFLAGS="${QVFS_EXAMPLE_CFLAGS}" QVFS_EXAMPLE_RUNNER="${QVFS_EXAMPLE_RUNNER}")
-  add_dependencies(api_example_test qvfs)
+    QVFS_EXTRA_CFLAGS="${QVFS_EXAMPLE_CFLAGS}" QVFS_EXAMPLE_RUNNER="${QVFS_EXAMPLE_RUNNER}"
+    QVFS_TOOLCHAIN_FILE="${CMAKE_TOOLCHAIN_FILE}" QVFS_INSTALLED_TOOL="${QVFS_INSTALLED_TOOL}")
+  # Everything `cmake --install` copies must be built.
+  foreach(t qvfs qvfs_static qvfs-demo qvfs-tool)
+    if(TARGET ${t})
+      add_dependencies(install_test ${t})
+    endif()
+  endforeach()
 endif()
+
+# The package retries and the System V listing that CI relies on.
+add_test(NAME ci_scripts COMMAND bash ${CMAKE_CURRENT_SOURCE_DIR}/ci_scripts_check.sh)
 
 # The demo, run briefly inside a test sandbox.
 if(TARGET api_demo_test AND TARGET qvfs-demo)
@@ -42,7 +56,7 @@ if(TARGET qvfs-tool)
   find_package(nlohmann_json QUIET)
   # A cross build runs the tool through the same emulator as the tests.
   string(REPLACE ";" " " QVFS_TOOL_RUNNER "${CMAKE_CROSSCOMPILING_EMULATOR}")
-  foreach(t cli_disk_test cli_files_test cli_check_test)
+  foreach(t cli_disk_test cli_files_test cli_check_test cli_views_test)
     if(TARGET ${t} AND nlohmann_json_FOUND)
       target_compile_definitions(${t} PRIVATE QVFS_TOOL_PATH="$<TARGET_FILE:qvfs-tool>"
                                  QVFS_TOOL_RUNNER="${QVFS_TOOL_RUNNER}")
@@ -50,4 +64,9 @@ if(TARGET qvfs-tool)
       add_dependencies(${t} qvfs-tool)
     endif()
   endforeach()
+endif()
+
+# The FUSE view's test runs where the tool has the view.
+if(TARGET cli_views_test AND QVFS_FUSE3_INCLUDE_DIR AND QVFS_FUSE3_LIBRARY)
+  target_compile_definitions(cli_views_test PRIVATE QVFS_TOOL_FUSE)
 endif()

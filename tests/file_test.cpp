@@ -216,38 +216,6 @@ TEST(UserData, DamagedAreasStayInside) {
     EXPECT_TRUE(g.intact() && n.intact() && c.intact() && o.intact());
 }
 
-// Only the settable fields travel: after a reopen from the block the status
-// is the one set, but for the size and the change time (the end time too).
-TEST_F(FileTest, StatusRoundTripThroughTheBlock) {
-    TFile f = tf_create(0, 0, 3, 5);
-    TQvFileStat st, back;
-    std::memset(&st, 0xEE, sizeof st);
-    std::memset(&back, 0xEE, sizeof back);
-    ASSERT_EQ(0, tf_GetFileStat(&st, f.h));
-    EXPECT_EQ(std::make_tuple(0xEEEEEEEEEEEEEEEEull, 0xEEEEEEEEu), std::make_tuple(st.st.st_dev, st.st.st_blksize))
-        << "platform fields are not written";
-    EXPECT_EQ(std::make_tuple(0ll, 0ll, 3ull, 0ull, 5ull, 1700000000ull, f.name),
-              std::make_tuple((long long)st.st.st_size, (long long)st.st.st_blocks, (unsigned long long)st.chn,
-                              (unsigned long long)st.lock, (unsigned long long)st.recType,
-                              (unsigned long long)st.startTime, std::string(st.name)));
-    st.lock = 1, st.recType = 7, st.st.st_mtim.tv_sec = 1700000123, st.chn = 9, st.startTime = 1690000000;
-    std::memcpy(st.usrParam, "user parameter bytes, 32 long..", 32);
-    st.st.st_size = 12345;
-    ASSERT_EQ(0, tf_SetFileStat(&st, f.h));
-    ASSERT_EQ(0, tf_CloseFile(f.h));
-    TQvFileHandle* h = tf_open(f.name);
-    ASSERT_NE(nullptr, h);
-    ASSERT_EQ(0, tf_GetFileStat(&back, h));
-    st.st.st_size = 0, st.st.st_ctim.tv_sec = 1700000123;
-    EXPECT_EQ(0, std::memcmp(&st, &back, sizeof st));
-    back.st.st_mtim.tv_sec = -2;  // widened with its sign
-    ASSERT_EQ(0, tf_SetFileStat(&back, h));
-    EXPECT_EQ(0xFFFFFFFFFFFFFFFEull, h->rec->slice.endTime);
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, tf_GetFileStat(nullptr, h));
-    EXPECT_ERR(-1, QVFS_ERR_BADARG, tf_SetFileStat(&back, nullptr));
-    EXPECT_EQ(0, tf_CloseFile(h));
-}
-
 TEST_F(FileTest, InformationMaskWalkAndPersistence) {
     TFile prev = tf_create();
     TQvfsOpenParam p = param(1, 0, 0, 0);

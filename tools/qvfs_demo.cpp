@@ -20,10 +20,7 @@
 // is using, and never removes what a running recorder needs.
 #include <fcntl.h>
 #include <spawn.h>
-#include <sys/ipc.h>
 #include <sys/mman.h>
-#include <sys/sem.h>
-#include <sys/shm.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -46,7 +43,7 @@
 #include <vector>
 
 #include "api/qvfs.h"
-#include "common/keys.h"
+#include "tools/root_ipc.h"
 
 extern char** environ;
 
@@ -166,55 +163,21 @@ const uint8_t* stream_at(int chn, uint64_t s) { return g_pattern[size_t(chn)].da
 
 // ---- System V objects of the sandbox -----------------------------------------------
 
-struct IpcObject {
-    bool segment;
-    int id;
-};
-
-// Every semaphore set and segment whose key derives from the sandbox's key
-// files, and the pid of a process attached to one of them (0 when none).
-std::vector<IpcObject> sandbox_ipc(const std::string& root, pid_t* attachedPid) {
-    std::vector<int> keys;
-    auto add = [&](const std::string& file, int proj, bool withRecordLock) {
-        const key_t k = ftok(file.c_str(), proj);
-        if (k == -1) return;
-        keys.push_back(k);
-        if (withRecordLock) keys.push_back(k + int(qvfs::kRecordLockKeyOffset));
-    };
-    char path[qvfs::kKeyPathSize];
-    std::snprintf(path, sizeof path, qvfs::kLayerKeyFormat, QVFS_KEY_DIR);
-    for (int proj : {qvfs::kProjFileList, qvfs::kProjShrPool, qvfs::kProjFileMutex, qvfs::kProjBlkFileMutex,
-                     qvfs::kProjBlkMutex, qvfs::kProjTimerMutex})
-        add(root + path, proj, false);
-    for (uint32_t i = 0; i <= qvfs::kMaxShareIndex; ++i) {
-        std::snprintf(path, sizeof path, qvfs::kShareKeyFormat, QVFS_KEY_DIR, int(i / qvfs::kIndexesPerKeyFile));
-        add(root + path, int(i % qvfs::kIndexesPerKeyFile) + 1, true);
-    }
-    std::vector<IpcObject> found;
+// The sandbox's objects and the pid of a process attached to one of them
+// (0 when none).
+std::vector<qvfs::tools::RootIpcObject> sandbox_ipc(const std::string& root, pid_t* attachedPid) {
+    auto objs = qvfs::tools::root_ipc_objects(root);
     if (attachedPid != nullptr) *attachedPid = 0;
-    for (int k : keys) {
-        const int shm = shmget(k, 0, 0);
-        if (shm >= 0) {
-            shmid_ds ds{};
-            if (shmctl(shm, IPC_STAT, &ds) == 0 && ds.shm_nattch > 0 && attachedPid != nullptr)
-                *attachedPid = ds.shm_lpid != 0 ? ds.shm_lpid : ds.shm_cpid;
-            found.push_back({true, shm});
-        }
-        const int sem = semget(k, 0, 0);
-        if (sem >= 0) found.push_back({false, sem});
-    }
-    return found;
+    for (const auto& o : objs)
+        if (!o.users.empty() && attachedPid != nullptr) *attachedPid = o.users.front();
+    return objs;
 }
 
 // Removes the sandbox's objects when nobody is attached; the number removed,
 // or -1 (nothing removed) when a process uses them.
 int remove_sandbox_ipc(const std::string& root, pid_t* user) {
-    const std::vector<IpcObject> objs = sandbox_ipc(root, user);
-    if (*user != 0) return -1;
-    int n = 0;
-    for (const IpcObject& o : objs)
-        n += (o.segment ? shmctl(o.id, IPC_RMID, nullptr) : semctl(o.id, 0, IPC_RMID)) == 0 ? 1 : 0;
-    return n;
+    const auto objs = sandbox_ipc(root, user);
+    return *user != 0 ? -1 : qvfs::tools::remove_ipc_objects(objs);
 }
 
 // ---- recording -------------------------------------------------------------------

@@ -152,18 +152,4 @@ std::string CliTest::record(uint32_t chn, int32_t fileType, int32_t start, const
     return name;
 }
 
-std::vector<uint8_t> CliTest::read_image(int disk, uint64_t off, size_t n) const {
-    std::vector<uint8_t> out(n);
-    const int fd = ::open(sbx_.image_path(disk).c_str(), O_RDONLY);
-    EXPECT_EQ(static_cast<ssize_t>(n), ::pread(fd, out.data(), n, static_cast<off_t>(off))) << errno;
-    ::close(fd);
-    return out;
-}
-
-void CliTest::write_image(int disk, uint64_t off, const void* p, size_t n) const {
-    const int fd = ::open(sbx_.image_path(disk).c_str(), O_RDWR);
-    EXPECT_EQ(static_cast<ssize_t>(n), ::pwrite(fd, p, n, static_cast<off_t>(off))) << errno;
-    ::close(fd);
-}
-
 }  // namespace qvfs::test

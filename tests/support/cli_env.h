@@ -21,7 +21,7 @@
 #include <nlohmann/json.hpp>
 #endif
 
-#include "support/api_env.h"
+#include "support/fixture.h"
 
 namespace qvfs::test {
 
@@ -77,10 +77,6 @@ protected:
     // Returns its name; fails the test when it cannot.
     std::string record(uint32_t chn, int32_t fileType, int32_t start, const std::vector<uint8_t>& bytes,
                        int32_t recType = 0, int32_t resSize = 0);
-
-    // Raw bytes of a disk's image, behind the library's back.
-    std::vector<uint8_t> read_image(int disk, uint64_t off, size_t n) const;
-    void write_image(int disk, uint64_t off, const void* p, size_t n) const;
 
     std::string tool_;
     std::string runner_;

@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -19,13 +20,21 @@
 #include <fstream>
 #include <stdexcept>
 
+#include "common/keys.h"
 #include "common/platform.h"
 
 namespace qvfs::test {
 namespace {
 
 namespace fs = std::filesystem;
-constexpr int kLayerProjects[6] = {65, 66, 97, 98, 99, 100};
+// Every project number the library uses on the layer key file: the owner
+// list, the pool, the state segment, the named locks, the disk segments.
+constexpr auto kLayerProjects = [] {
+    std::array<int, Sandbox::kLayerKeys> p{kProjFileList, kProjShrPool, kProjState, kProjFileMutex,
+                                  kProjBlkFileMutex, kProjBlkMutex, kProjTimerMutex};
+    for (int d = 0; d < QVFS_MAX_DISKS; ++d) p[size_t(7 + d)] = kProjDiskSegment0 + d;
+    return p;
+}();
 constexpr int kLockOffset = 0x10000;
 
 [[noreturn]] void fail(const std::string& what) {
@@ -97,7 +106,7 @@ Sandbox::Sandbox() : owner_(::getpid()) {
         }
     }
     for (int k : shareKeys_) keys_.insert(keys_.end(), {k, k + kLockOffset});
-    keys_.insert(keys_.end(), layerKeys_, layerKeys_ + 6);
+    keys_.insert(keys_.end(), layerKeys_, layerKeys_ + kLayerKeys);
 }
 
 Sandbox::~Sandbox() {
@@ -143,7 +152,7 @@ bool Sandbox::claim(int n) {
         if (!ok) break;
     }
     if (ok && n == kKeyFiles) {
-        for (int j = 0; j < 6; ++j) ok = ok && !key_in_use(layerKeys_[j] = ::ftok(path.c_str(), kLayerProjects[j]));
+        for (int j = 0; j < kLayerKeys; ++j) ok = ok && !key_in_use(layerKeys_[j] = ::ftok(path.c_str(), kLayerProjects[size_t(j)]));
     } else if (ok) {
         for (int i = n * 126; ok && i < kShareIndexes && i < (n + 1) * 126; ++i) {
             shareKeys_[i] = ::ftok(path.c_str(), i % 126 + 1);
@@ -179,8 +188,8 @@ void Sandbox::sweep_stale() {
 int Sandbox::share_key(int index) const { return index >= 0 && index < kShareIndexes ? shareKeys_[index] : -1; }
 
 int Sandbox::layer_key(int projId) const {
-    const int* p = std::find(kLayerProjects, kLayerProjects + 6, projId);
-    return p == kLayerProjects + 6 ? -1 : layerKeys_[p - kLayerProjects];
+    const auto* p = std::find(kLayerProjects.begin(), kLayerProjects.end(), projId);
+    return p == kLayerProjects.end() ? -1 : layerKeys_[p - kLayerProjects.begin()];
 }
 
 std::string Sandbox::device_path(int disk) {

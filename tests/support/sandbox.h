@@ -33,6 +33,7 @@ class Sandbox {
 public:
     static constexpr int kKeyFiles = 17;       // share key files qvfs0..qvfs16
     static constexpr int kShareIndexes = 2073;
+    static constexpr int kLayerKeys = 32;      // owner list, pool, state, 4 locks, 25 disk segments
 
     Sandbox();  // throws std::runtime_error when no root or free keys can be had
     ~Sandbox();
@@ -49,7 +50,7 @@ public:
     // The real path of an absolute system path inside the sandbox.
     std::string real(const std::string& sysPath) const;
 
-    // Share keys of indexes 0..2072, layer keys of projects 65, 66, 97..100.
+    // Share keys of indexes 0..2072, layer keys of the library's projects.
     int share_key(int shareIndex) const;
     int layer_key(int projId) const;
     // Semaphore sets plus segments under the sandbox's keys right now.
@@ -66,7 +67,7 @@ private:
     std::vector<std::string> claims_;
     std::vector<int> keys_;  // every key, lock keys included
     std::vector<int> shareKeys_;
-    int layerKeys_[6] = {};
+    int layerKeys_[kLayerKeys] = {};
     pid_t owner_;
     bool hadRoot_ = false;
 };

@@ -44,6 +44,7 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <string_view>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -60,12 +61,31 @@ uint64_t block_size() { return qvfs::disk::kBlockSize; }
 // A format that zeroes block heads clears the largest self-info area, 16 MiB.
 uint64_t block_head_clear_bytes() { return qvfs::bf::kMaxSelfInfo; }
 
+uint64_t data_start() { return qvfs::disk::kDataStart; }
+
+// One block's worth at the end of the device never belongs to a block.
+uint64_t min_disk_bytes() { return qvfs::disk::kDataStart + 2ull * qvfs::disk::kBlockSize; }
+
 uint32_t blocks_for_device_size(uint64_t bytes) {
     using namespace qvfs::disk;
-    // One block's worth at the end of the device never belongs to a block.
-    if (bytes < kDataStart + 2ull * kBlockSize) return 0;
+    if (bytes < min_disk_bytes()) return 0;
     const uint64_t n = (bytes - kDataStart - kBlockSize) / kBlockSize;
     return static_cast<uint32_t>(std::min<uint64_t>(n, kMaxBlocks));
+}
+
+int probe_format(const std::string& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return QVFS_ERR_SYS + errno;
+    int code = QVFS_ERR_NOTFORMATTED;
+    for (const uint64_t at : {qvfs::disk::kHeadPrimary, qvfs::disk::kHeadBackup}) {
+        char magic[5] = {};
+        const ssize_t n = ::pread(fd, magic, sizeof magic, static_cast<off_t>(at));
+        if (n < 0) code = QVFS_ERR_SYS + errno;
+        if (n == sizeof magic && std::memcmp(magic, "QVFS", sizeof magic) == 0) code = 0;
+        if (code != QVFS_ERR_NOTFORMATTED) break;
+    }
+    ::close(fd);
+    return code;
 }
 
 uint64_t device_size_of(int fd) {
@@ -337,8 +357,21 @@ void Checker::check_directory(uint32_t b, const TQvBlkInfo& h) {
             add("slice-entry", b,
                 fmt::format("block {} slice {}: data region [{:#x}, {:#x}) lies outside the block's data area", b, k,
                             e.dataStart, e.dataEnd));
+        // The check code and the extension make the file's name: a byte in
+        // them that is not a printable character leaves a name that cannot
+        // be typed, listed in one line or matched.
+        const std::string_view ext(e.ext, strnlen(e.ext, sizeof e.ext));
+        const auto graphic = [](std::string_view v) {
+            return std::all_of(v.begin(), v.end(), [](unsigned char c) { return c > 0x20 && c < 0x7F; });
+        };
         if (e.ext[sizeof e.ext - 1] != 0)
             add("slice-entry", b, fmt::format("block {} slice {}: the extension is not terminated", b, k));
+        else if (!graphic(std::string_view(e.verify, sizeof e.verify)) || !graphic(ext) || ext.empty() ||
+                 ext.find('/') != ext.npos)
+            add("slice-entry", b,
+                fmt::format("block {} slice {}: damaged name: check code \"{}\", extension \"{}\" (both "
+                            "printable, the extension 1 to 7 characters without '/')",
+                            b, k, printable(std::string_view(e.verify, sizeof e.verify)), printable(ext)));
     }
     if (live != h.cnt)
         add("slice-count", b,

@@ -32,8 +32,16 @@ CheckReport check_device(const std::string& path, const std::string& label, bool
 
 // Layout facts of the format.
 uint64_t block_size();
+uint64_t data_start();
 uint64_t block_head_clear_bytes();
 uint32_t blocks_for_device_size(uint64_t bytes);
+// The smallest device (or format size) that holds one block.
+uint64_t min_disk_bytes();
+// Why a mount of the device at `path` would fail before it gets past the
+// header, as the library's code: 3000 + errno when it cannot be opened or
+// read, 1005 when neither header copy carries the format's magic; 0 when a
+// mount may go ahead.
+int probe_format(const std::string& path);
 // Size of an open device or image in bytes (0 when unknown).
 uint64_t device_size_of(int fd);
 

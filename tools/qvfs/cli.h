@@ -79,7 +79,10 @@ void start_library();
 
 // A mount for the duration of a scope: qvfs_Mount in the constructor (throws
 // "cannot mount ..." on failure), the plain qvfs_UnMount in the destructor,
-// which leaves the disk mounted for every other process that uses it.
+// which leaves the disk mounted for every other process that uses it. A
+// device that is missing, unreadable or carries no format is refused before
+// the library starts, so such a run leaves no key directory and no System V
+// objects behind.
 class Mounted {
 public:
     explicit Mounted(const Disk& d);
@@ -120,6 +123,9 @@ struct FileName {
 // Parses a recording name (optionally behind a directory or a device path);
 // throws a usage failure for anything that is not one.
 FileName parse_name(const std::string& arg);
+// Whether an extension is one the disk can hold and a name can carry: 1 to
+// 7 printable characters, no '/'.
+bool valid_extension(const std::string& ext);
 
 // ---- listings -----------------------------------------------------------------------
 
@@ -168,6 +174,11 @@ std::vector<FileRow> block_files(const Disk& d, uint32_t block);
 void add_disk_commands(CLI::App& app);
 void add_file_commands(CLI::App& app);
 void add_check_command(CLI::App& app);
+void add_ipc_command(CLI::App& app);
+void add_timeline_command(CLI::App& app);
+#ifdef QVFS_TOOL_FUSE
+void add_view_command(CLI::App& app);
+#endif
 void set_action(std::function<int()> action);
 
 }  // namespace qvfs::cli

@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +18,7 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include "check.h"
 #include "cli.h"
@@ -42,9 +45,25 @@ struct Args {
 
 // ---- image ---------------------------------------------------------------------
 
+// Why a size is refused: the smallest disk that holds a block, in both units.
+std::string too_small() {
+    return fmt::format("a disk needs at least {} MiB ({} bytes) to hold one block", min_disk_bytes() >> 20,
+                       min_disk_bytes());
+}
+
+// Size of a disk's device (or image) in bytes; 0 when it cannot be told.
+uint64_t device_bytes(const Disk& d) {
+    const int fd = ::open(real_device_path(d).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return 0;
+    const uint64_t bytes = device_size_of(fd);
+    ::close(fd);
+    return bytes;
+}
+
 int cmd_image() {
     const Disk d = parse_disk(a.disk);
     const uint64_t bytes = parse_size(a.size, "size");
+    if (bytes < min_disk_bytes()) usage_error("invalid size '" + a.size + "': " + too_small());
     if (g.root.empty())
         throw Failure(fmt::format("image needs --root DIR (or QVFS_ROOT): without a root it would create {}", d.device));
     const std::string path = real_device_path(d);
@@ -103,7 +122,7 @@ int mount_count(const Disk& d) {
         Mounted m(d);
         const Json dump = dump_json(debug_dump());
         for (const Json& row : dump.value("QVDISK", Json::array()))
-            if (row.value("id", "") == std::to_string(d.number)) return std::stoi(row.value("mounted", "0"));
+            if (row.value("id", -1) == d.number) return row.value("mounted", 0);
     } catch (const Failure& f) {
         if (f.code == kExitInterrupted) throw;
     }
@@ -114,6 +133,13 @@ int cmd_format() {
     const Disk d = parse_disk(a.disk);
     std::optional<uint64_t> size;
     if (!a.size.empty()) size = parse_size(a.size, "size");
+    if (size && *size < min_disk_bytes()) usage_error("invalid size '" + a.size + "': " + too_small());
+    // The format lays out the size asked for, or the whole device when that
+    // is smaller; a device whose size cannot be told is left to the library.
+    const uint64_t devBytes = device_bytes(d);
+    if (devBytes != 0 && devBytes < min_disk_bytes())
+        throw Failure(fmt::format("cannot format {}: the device holds {}; {}", disk_label(d), size_text(devBytes),
+                                  too_small()));
     start_library();
     // A format takes the disk from under every process that uses it.
     if (!a.force) {
@@ -136,14 +162,6 @@ int cmd_format() {
     } else {
         // Zeroing every block head takes long. The format runs on a thread
         // of its own while this one draws the progress from the bytes written.
-        struct stat st;
-        uint64_t devBytes = 0;
-        if (::stat(real_device_path(d).c_str(), &st) == 0 && S_ISREG(st.st_mode)) devBytes = uint64_t(st.st_size);
-        const int fd = devBytes == 0 ? ::open(real_device_path(d).c_str(), O_RDONLY | O_CLOEXEC) : -1;
-        if (fd >= 0) {
-            devBytes = device_size_of(fd);
-            ::close(fd);
-        }
         const uint32_t blocks = blocks_for_device_size(devBytes);
         // A half-done format is of no use: an interrupt ends the process at
         // once, as it would without the tool's handlers.
@@ -242,7 +260,6 @@ int cmd_df() {
     } else {
         for (const auto& arg : a.disks) disks.push_back(parse_disk(arg));
     }
-    start_library();
     int status = kExitOk;
     Json list = Json::array();
     std::vector<Table::Column> cols = {{"DISK", true}, {"BLOCKS", true}, {"USED", true}, {"FREE", true},
@@ -277,12 +294,9 @@ int cmd_df() {
                                 {"types", types}});
         } catch (const Failure& f) {
             if (f.code == kExitInterrupted) throw;
-            // Going through every disk, one that carries no format is only
-            // reported as such; a disk that was asked for by name fails.
-            if (!all || f.libCode != QVFS_ERR_NOTFORMATTED) {
-                fmt::print(stderr, "qvfs: {}\n", f.what());
-                status = kExitFailed;
-            }
+            // The other disks are still shown; the run fails.
+            fmt::print(stderr, "qvfs: {}\n", f.what());
+            status = kExitFailed;
             list.push_back(Json{{"disk", d.number}, {"device", d.device}, {"formatted", false}, {"error", f.what()}});
             std::vector<std::string> row(cols.size(), "-");
             row[0] = std::to_string(d.number);
@@ -327,6 +341,7 @@ int cmd_blocks() {
     std::optional<int64_t> from, to;
     if (!a.from.empty()) from = parse_time(a.from, "--from time");
     if (!a.to.empty()) to = parse_time(a.to, "--to time");
+    if (from && to && *from > *to) usage_error("--from is later than --to");
     Mounted m(d);
     Json list = Json::array();
     Table table({{"BLOCK", true},
@@ -370,8 +385,18 @@ QvfsBlockStat block_state(const Disk& d, uint32_t block) {
 int cmd_unlink_block() {
     const Disk d = parse_disk(a.disk);
     Mounted m(d);
-    if (block_state(d, a.block).state == 0)
-        throw Failure(fmt::format("cannot unlink block {} of {}: the block is not in use", a.block, disk_label(d)));
+    const QvfsBlockStat bs = block_state(d, a.block);
+    const auto refuse = [&](const std::string& why) {
+        throw Failure(fmt::format("cannot unlink block {} of {}: {}", a.block, disk_label(d), why));
+    };
+    if (bs.state == 0) refuse("the block is not in use");
+    // Unlinking takes every file of the block: locked ones, and those a
+    // recorder or player has open, only when asked for explicitly.
+    if (!a.force && bs.locked != 0) refuse("it holds locked files (--force unlinks it anyway)");
+    const int users = a.force ? 0 : qvfs_GetBlockUsers(static_cast<uint32_t>(d.number), a.block);
+    if (users != 0)
+        refuse(users < 0 ? "cannot tell whether it is in use: " + lib_error(errno)
+                         : "files of it are open in a process (--force unlinks it anyway)");
     errno = 0;
     if (qvfs_BlockUnlink(static_cast<uint32_t>(d.number), a.block) != 0)
         throw Failure(fmt::format("cannot unlink block {} of {}: {}", a.block, disk_label(d), lib_error(errno)));
@@ -395,6 +420,27 @@ int cmd_tag_bad() {
     if (length == 0 || length > UINT32_MAX)
         usage_error(fmt::format("invalid length '{}': must be 1 byte to 4 GiB - 1", a.length));
     Mounted m(d);
+    // The blocks the range touches, as the library counts them: the block
+    // holding the range's end byte too.
+    const uint64_t blocks = disk_blocks(d), start = data_start(), end = offset + length;
+    const uint64_t areaEnd = start + blocks * block_size();
+    if (!a.force && blocks != 0 && end > start && offset < areaEnd) {
+        const uint64_t first = offset <= start ? 0 : (offset - start) / block_size();
+        const uint64_t last = end >= areaEnd ? blocks - 1 : (end - start) / block_size();
+        std::vector<uint32_t> inUse;
+        std::vector<TQvDiskBlkInfo> info(blocks);
+        errno = 0;
+        const int k = qvfs_GetBlockInfo(d.device.c_str(), info.data(), static_cast<int>(blocks));
+        if (k < 0) throw Failure(fmt::format("cannot list the blocks of {}: {}", disk_label(d), lib_error(errno)));
+        for (int i = 0; i < k; ++i)
+            if (info[i].blkId >= first && info[i].blkId <= last) inUse.push_back(info[i].blkId);
+        if (!inUse.empty())
+            throw Failure(fmt::format("cannot mark bytes {:#x}..{:#x} of {} bad: {} {} {} in use (--force marks "
+                                      "{} anyway)",
+                                      offset, end, disk_label(d), inUse.size() == 1 ? "block" : "blocks",
+                                      fmt::join(inUse, ", "), inUse.size() == 1 ? "is" : "are",
+                                      inUse.size() == 1 ? "it" : "them"));
+    }
     const uint64_t before = disk_space(d).bad;
     errno = 0;
     if (qvfs_TagBadUnit(d.device.c_str(), offset, static_cast<uint32_t>(length)) != 0)
@@ -411,7 +457,48 @@ int cmd_tag_bad() {
     return kExitOk;
 }
 
+// Lifts a block's bad mark; the library decides from the block's header
+// whether it is free again or still holds recordings.
+int cmd_clear_bad() {
+    const Disk d = parse_disk(a.disk);
+    Mounted m(d);
+    block_state(d, a.block);  // a clear message for a block beyond the disk
+    errno = 0;
+    const int status = qvfs_ClearBadBlock(d.device.c_str(), a.block);
+    if (status < 0)
+        throw Failure(fmt::format("cannot clear the bad mark of block {} of {}: {}", a.block, disk_label(d),
+                                  lib_error(errno)));
+    const char* now = status == 0 ? "free" : "in use";
+    if (g.json)
+        print_json(Json{{"disk", d.number}, {"block", a.block}, {"state", now}});
+    else
+        fmt::print("block {} of {} is no longer marked bad; it is {}\n", a.block, disk_label(d), now);
+    return kExitOk;
+}
+
 // ---- dump ------------------------------------------------------------------------------
+
+// A field of the dump as JSON: a number when it is one (decimal, possibly
+// padded, or hexadecimal with "0x"), else the text made printable. (The
+// block rows' bare hexadecimal block numbers never occur here: the dump
+// shows the tool's own block handles, and it holds none while dumping.)
+Json dump_value(const std::string& field) {
+    const size_t b = field.find_first_not_of(' ');
+    const std::string v = b == std::string::npos ? field : field.substr(b);
+    const bool hex = v.size() > 2 && v[0] == '0' && (v[1] == 'x' || v[1] == 'X');
+    const bool negative = !v.empty() && v[0] == '-';
+    if (v.empty() || !(std::isdigit(static_cast<unsigned char>(v[negative ? 1 : 0])))) return printable(field);
+    errno = 0;
+    char* end = nullptr;
+    if (negative) {
+        const long long n = std::strtoll(v.c_str(), &end, 10);
+        if (errno == 0 && *end == '\0') return n;
+    } else {
+        const unsigned long long n = std::strtoull(v.c_str(), &end, hex ? 16 : 10);
+        if (errno == 0 && *end == '\0') return n;
+    }
+    return printable(field);
+}
 
 // The dump text is a series of sections, each a banner "===NAME===", a
 // tab-separated title row and tab-separated rows; empty fields (double
@@ -457,7 +544,7 @@ Json dump_json(const std::string& text) {
         const auto values = fields(line);
         Json row = Json::object();
         for (size_t i = 0; i < values.size(); ++i)
-            row[i < titles.size() ? titles[i] : fmt::format("field{}", i)] = values[i];
+            row[i < titles.size() ? titles[i] : fmt::format("field{}", i)] = dump_value(values[i]);
         doc[section].push_back(row);
     }
     return doc;
@@ -483,9 +570,9 @@ int cmd_dump() {
     } else {
         for (const auto& arg : a.disks) disks.push_back(parse_disk(arg));
     }
-    start_library();
     // The dump shows the disks this process has mounted: mount every one
-    // that can be, and say which could not.
+    // that can be, and say which could not. When none of the disks asked
+    // for can be, nothing is started.
     std::vector<std::unique_ptr<Mounted>> mounts;
     int status = kExitOk;
     for (const Disk& d : disks) {
@@ -496,6 +583,8 @@ int cmd_dump() {
             status = kExitFailed;
         }
     }
+    if (!disks.empty() && mounts.empty()) return status;
+    start_library();
     const std::string text = debug_dump();
     if (g.json)
         print_json(dump_json(text));
@@ -536,13 +625,20 @@ void add_disk_commands(CLI::App& app) {
     auto* unlink = app.add_subcommand("unlink-block", "Release a block with every file in it");
     unlink->add_option("DISK", a.disk, "Disk number or device path")->required();
     unlink->add_option("BLOCK", a.block, "Block number")->required();
+    unlink->add_flag("-f,--force", a.force, "Unlink also a block with locked or open files");
     unlink->callback([] { set_action(cmd_unlink_block); });
 
     auto* bad = app.add_subcommand("tag-bad", "Mark every block touching a byte range of the device bad");
     bad->add_option("DISK", a.disk, "Disk number or device path")->required();
     bad->add_option("OFFSET", a.offset, "First byte of the range on the device")->required();
     bad->add_option("LENGTH", a.length, "Length of the range in bytes")->required();
+    bad->add_flag("-f,--force", a.force, "Mark also blocks that hold recordings");
     bad->callback([] { set_action(cmd_tag_bad); });
+
+    auto* clear = app.add_subcommand("clear-bad", "Lift the bad mark of a block after the disk was checked");
+    clear->add_option("DISK", a.disk, "Disk number or device path")->required();
+    clear->add_option("BLOCK", a.block, "Block number")->required();
+    clear->callback([] { set_action(cmd_clear_bad); });
 
     auto* dump = app.add_subcommand("dump", "The library's debug dump of every layer");
     dump->add_option("DISK", a.disks, "Disks to mount first (default: every disk present)");

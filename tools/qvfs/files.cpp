@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <optional>
 
@@ -32,7 +33,14 @@ struct Args {
     std::string start, end;
     int32_t recType = 0;
     std::string ext;
+    bool force = false;
 } a;
+
+// Closes a descriptor with its scope.
+struct FdCloser {
+    int fd;
+    ~FdCloser() { ::close(fd); }
+};
 
 Json file_json(const FileRow& f) {
     return Json{{"name", f.name},
@@ -246,28 +254,82 @@ int cmd_cat() {
     return kExitOk;
 }
 
+// A new file in the directory of `target`, removed again by the destructor
+// unless it was moved into place: an export that fails or is interrupted
+// leaves the target as it was.
+class TempFile {
+public:
+    explicit TempFile(const std::string& target) {
+        const size_t slash = target.rfind('/');
+        path_ = target.substr(0, slash == std::string::npos ? 0 : slash + 1) + ".qvfs-export-XXXXXX";
+        fd_ = ::mkostemp(path_.data(), O_CLOEXEC);
+        if (fd_ < 0) throw Failure(fmt::format("cannot create {}: {}", target, std::strerror(errno)));
+        // The mode a plain create would give.
+        const mode_t mask = ::umask(0);
+        ::umask(mask);
+        ::fchmod(fd_, 0644 & ~mask);
+    }
+    ~TempFile() {
+        if (fd_ >= 0) ::close(fd_);
+        if (!path_.empty()) ::unlink(path_.c_str());
+    }
+    TempFile(const TempFile&) = delete;
+    TempFile& operator=(const TempFile&) = delete;
+    int fd() const { return fd_; }
+
+    // Flushes and moves the file to target: over an existing one only when
+    // `replace`, otherwise through a hard link, which refuses an existing
+    // target however late it appeared.
+    void commit(const std::string& target, bool replace) {
+        const auto failed = [&](int e) {
+            return Failure(fmt::format("cannot write {}: {}", target, std::strerror(e)));
+        };
+        if (::fsync(fd_) != 0 || ::close(fd_) != 0) {
+            fd_ = -1;
+            throw failed(errno);
+        }
+        fd_ = -1;
+        if (replace ? ::rename(path_.c_str(), target.c_str()) != 0 : ::link(path_.c_str(), target.c_str()) != 0) {
+            if (errno == EEXIST) throw exists(target);
+            throw failed(errno);
+        }
+        if (!replace) ::unlink(path_.c_str());
+        path_.clear();
+    }
+
+    static Failure exists(const std::string& target) {
+        return Failure(fmt::format("cannot export to {}: it exists (--force replaces it)", target));
+    }
+
+private:
+    std::string path_;
+    int fd_ = -1;
+};
+
 int cmd_export() {
     const FileName f = parse_name(a.name);
+    const std::string label = fmt::format("export {}", f.name);
+    struct stat st;
+    const bool exists = ::stat(a.file.c_str(), &st) == 0;
+    // A device or a pipe is written into; a file is never replaced unasked.
+    const bool stream = a.file == "-" || (exists && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode));
+    if (exists && !stream && !a.force) throw TempFile::exists(a.file);
     Mounted m(disk_of(f.disk));
     OpenFile in(f);
+    uint64_t n = 0;
     if (a.file == "-") {
-        copy_out(in, STDOUT_FILENO, "standard output", fmt::format("export {}", f.name), true);
+        copy_out(in, STDOUT_FILENO, "standard output", label, true);
         return kExitOk;
     }
-    const int out = ::open(a.file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (out < 0) throw Failure(fmt::format("cannot create {}: {}", a.file, std::strerror(errno)));
-    uint64_t n = 0;
-    try {
-        n = copy_out(in, out, a.file, fmt::format("export {}", f.name), true);
-    } catch (...) {
-        ::close(out);
-        ::unlink(a.file.c_str());  // no partial copy is left behind
-        throw;
-    }
-    if (::close(out) != 0) {
-        const int e = errno;
-        ::unlink(a.file.c_str());
-        throw Failure(fmt::format("cannot write {}: {}", a.file, std::strerror(e)));
+    if (stream) {
+        const int out = ::open(a.file.c_str(), O_WRONLY | O_CLOEXEC);
+        if (out < 0) throw Failure(fmt::format("cannot open {}: {}", a.file, std::strerror(errno)));
+        const FdCloser closer{out};
+        n = copy_out(in, out, a.file, label, true);
+    } else {
+        TempFile out(a.file);
+        n = copy_out(in, out.fd(), a.file, label, true);
+        out.commit(a.file, a.force);
     }
     if (g.json)
         print_json(Json{{"name", f.name}, {"file", a.file}, {"size", n}});
@@ -281,7 +343,9 @@ int cmd_export() {
 int cmd_rm() {
     const FileName f = parse_name(a.name);
     Mounted m(disk_of(f.disk));
-    stat_file(f);  // a clear message for a file that does not exist
+    // Also a clear message for a file that does not exist.
+    if (stat_file(f).lock == 1 && !a.force)
+        throw Failure(fmt::format("cannot remove {}: the file is locked (--force removes it anyway)", f.name));
     errno = 0;
     if (qvfs_Unlink(f.forLibrary.c_str()) != 0) {
         // The refusal of a file that is open somewhere sets no library code
@@ -327,16 +391,24 @@ int set_lock(bool lock) {
 int cmd_import() {
     const Disk d = parse_disk(a.disk);
     const uint32_t type = a.type.empty() ? 0 : parse_type(a.type);
-    const int64_t start = a.start.empty() ? static_cast<int64_t>(::time(nullptr)) : parse_time(a.start, "--start time");
+    // A recording's times are signed 32-bit second counts on the disk.
+    const auto disk_time = [](const std::string& text, const char* what) {
+        const int64_t t = parse_time(text, what);
+        if (t < 0 || t > INT32_MAX)
+            usage_error(fmt::format("invalid {} '{}': a disk holds times from {} to {} (UTC)", what, text,
+                                    "1970-01-01T00:00:00", "2038-01-19T03:14:07"));
+        return t;
+    };
+    const int64_t start = a.start.empty() ? static_cast<int64_t>(::time(nullptr)) : disk_time(a.start, "--start time");
     std::optional<int64_t> end;
-    if (!a.end.empty()) end = parse_time(a.end, "--end time");
+    if (!a.end.empty()) end = disk_time(a.end, "--end time");
     if (end && *end < start) usage_error("--end is earlier than --start");
+    const std::string ext = !a.ext.empty() ? a.ext : (type == 1 || type == 3) ? "jpg" : "rvd";
+    if (!valid_extension(ext) || ext.find('.') != std::string::npos)
+        usage_error(fmt::format("invalid extension '{}': 1 to 7 printable characters, no '/' or '.'", printable(ext)));
     const int in = ::open(a.file.c_str(), O_RDONLY | O_CLOEXEC);
     if (in < 0) throw Failure(fmt::format("cannot open {}: {}", a.file, std::strerror(errno)));
-    struct Closer {
-        int fd;
-        ~Closer() { ::close(fd); }
-    } closer{in};
+    const FdCloser closer{in};
     struct stat st;
     if (fstat(in, &st) != 0 || !S_ISREG(st.st_mode)) throw Failure(fmt::format("cannot import {}: not a regular file", a.file));
     const uint64_t size = static_cast<uint64_t>(st.st_size);
@@ -350,9 +422,6 @@ int cmd_import() {
     p.resSize = static_cast<int32_t>(size);  // lets the disk pick a block with room for it
     p.recType = a.recType;
     std::snprintf(p.path, sizeof p.path, "%s", d.device.c_str());
-    const std::string ext = !a.ext.empty() ? a.ext : (type == 1 || type == 3) ? "jpg" : "rvd";
-    if (ext.size() >= sizeof p.ext || ext.find('.') != std::string::npos)
-        usage_error(fmt::format("invalid extension '{}': at most 7 characters, no dot", ext));
     std::snprintf(p.ext, sizeof p.ext, "%s", ext.c_str());
     char name[64] = {};
     errno = 0;
@@ -438,7 +507,8 @@ void add_file_commands(CLI::App& app) {
     named("cat", "Write a recording's bytes to standard output", cmd_cat);
     auto* exp = named("export", "Copy a recording into a file", cmd_export);
     exp->add_option("FILE", a.file, "Target file ('-' for standard output)")->required();
-    named("rm", "Delete a recording", cmd_rm);
+    exp->add_flag("-f,--force", a.force, "Replace an existing file");
+    named("rm", "Delete a recording", cmd_rm)->add_flag("-f,--force", a.force, "Delete also a locked recording");
     named("lock", "Lock a recording", [] { return set_lock(true); });
     named("unlock", "Unlock a recording", [] { return set_lock(false); });
 }

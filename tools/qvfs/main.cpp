@@ -77,6 +77,11 @@ int run(int argc, char** argv) {
     add_disk_commands(app);
     add_file_commands(app);
     add_check_command(app);
+    add_ipc_command(app);
+    add_timeline_command(app);
+#ifdef QVFS_TOOL_FUSE
+    add_view_command(app);
+#endif
 
     try {
         app.parse(argc, argv);

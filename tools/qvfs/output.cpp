@@ -60,6 +60,18 @@ uint64_t parse_size(const std::string& text, const char* what) {
     return uint64_t(v) << shift;
 }
 
+std::string printable(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c == '\\') out += "\\\\";
+        else if (c >= 0x20 && c < 0x7F) out += ch;
+        else out += fmt::format("\\x{:02x}", c);
+    }
+    return out;
+}
+
 // ---- times --------------------------------------------------------------------
 
 namespace {
@@ -193,7 +205,11 @@ void Table::print() const {
     for (const auto& r : rows_) line(r);
 }
 
-void print_json(const Json& doc) { fmt::print("{}\n", doc.dump(2)); }
+// Strings that reach a document are made printable first; replacing what
+// is still not UTF-8 keeps the dump from ever throwing.
+void print_json(const Json& doc) {
+    fmt::print("{}\n", doc.dump(2, ' ', false, Json::error_handler_t::replace));
+}
 
 // ---- progress ------------------------------------------------------------------------
 

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -17,6 +18,11 @@ using Json = nlohmann::ordered_json;
 // exact number of bytes with --bytes.
 std::string size_text(uint64_t bytes);
 std::string human_size(uint64_t bytes);
+
+// Text read from a disk (or typed) as it may be shown: printable ASCII stays,
+// a backslash becomes "\\", every other byte "\xNN". Table rows stay
+// intact and JSON strings valid whatever bytes a damaged entry holds.
+std::string printable(std::string_view text);
 
 // Parses a byte count: a decimal or 0x number, optionally followed by a unit
 // K, M, G, T (powers of 1024; "KiB", "k", "KB" mean the same). Throws a

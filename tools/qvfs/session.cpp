@@ -9,7 +9,9 @@
 
 #include <fmt/format.h>
 
+#include "check.h"
 #include "cli.h"
+#include "output.h"
 
 namespace qvfs::cli {
 
@@ -83,15 +85,21 @@ void start_library() {
     started = true;
 }
 
+namespace {
+
+[[noreturn]] void mount_failed(const Disk& d, int code) {
+    Failure f(fmt::format("cannot mount {}: {}", disk_label(d), lib_error(code)));
+    f.libCode = code;
+    throw f;
+}
+
+}  // namespace
+
 Mounted::Mounted(const Disk& d) : disk_(d) {
+    if (const int code = probe_format(real_device_path(d))) mount_failed(d, code);
     start_library();
     errno = 0;
-    if (qvfs_Mount(d.device.c_str()) != 0) {
-        const int e = errno;
-        Failure f(fmt::format("cannot mount {}: {}", disk_label(d), lib_error(e)));
-        f.libCode = e;
-        throw f;
-    }
+    if (qvfs_Mount(d.device.c_str()) != 0) mount_failed(d, errno);
 }
 
 Mounted::~Mounted() { qvfs_UnMount(disk_.device.c_str()); }
@@ -132,22 +140,28 @@ bool all_hex(const std::string& s, size_t from, size_t n) {
 
 }  // namespace
 
+bool valid_extension(const std::string& ext) {
+    return !ext.empty() && ext.size() <= 7 && ext.find('/') == std::string::npos &&
+           std::all_of(ext.begin(), ext.end(), [](unsigned char c) { return std::isgraph(c); });
+}
+
 FileName parse_name(const std::string& arg) {
     const auto bad = [&]() -> FileName {
         usage_error(fmt::format("invalid file name '{}': expected a recording name such as "
                                 "H000000100018C3F0000C00.rvd",
-                                arg));
+                                printable(arg)));
     };
     const size_t slash = arg.rfind('/');
     FileName f;
     f.name = slash == std::string::npos ? arg : arg.substr(slash + 1);
     const std::string& s = f.name;
     // Stem: 'H', disk char, 6 hex block digits, 4 hex slice digits, 4-char
-    // check code, "0000", kind letter, location and disk chars, '.'; then an
-    // extension of at most 7 characters.
-    if (s.size() < 24 || s.size() > 31 || s[0] != 'H' || s[23] != '.' || !all_hex(s, 2, 6) || !all_hex(s, 8, 4) ||
-        s.compare(16, 4, "0000") != 0 || std::strchr("CLB", s[20]) == nullptr ||
-        s.find('.') != 23 || s.find('/') != std::string::npos)
+    // check code, "0000", kind letter, location and disk chars, '.'; then the
+    // extension. Nothing in a name is a control character or a space.
+    if (s.size() < 24 || s[0] != 'H' || s[23] != '.' || !all_hex(s, 2, 6) || !all_hex(s, 8, 4) ||
+        s.compare(16, 4, "0000") != 0 || std::strchr("CLB", s[20]) == nullptr || s.find('.') != 23 ||
+        !valid_extension(s.substr(24)) ||
+        !std::all_of(s.begin(), s.end(), [](unsigned char c) { return std::isgraph(c); }))
         return bad();
     f.block = static_cast<uint32_t>(std::stoul(s.substr(2, 6), nullptr, 16));
     f.slice = static_cast<uint32_t>(std::stoul(s.substr(8, 4), nullptr, 16));
@@ -192,15 +206,17 @@ const char* state_text(uint32_t state) {
 
 FileRow file_row(const TQvFileStat& st, int disk) {
     FileRow r;
-    r.name.assign(st.name, strnlen(st.name, sizeof st.name));
+    std::string name(st.name, strnlen(st.name, sizeof st.name));
     // A file opened through its device path keeps that path in its status.
-    const size_t slash = r.name.rfind('/');
-    if (slash != std::string::npos) r.name.erase(0, slash + 1);
+    const size_t slash = name.rfind('/');
+    if (slash != std::string::npos) name.erase(0, slash + 1);
     r.disk = disk;
-    if (r.name.size() >= 12) {
-        r.block = static_cast<uint32_t>(std::strtoul(r.name.substr(2, 6).c_str(), nullptr, 16));
-        r.slice = static_cast<uint32_t>(std::strtoul(r.name.substr(8, 4).c_str(), nullptr, 16));
+    if (name.size() >= 12) {
+        r.block = static_cast<uint32_t>(std::strtoul(name.substr(2, 6).c_str(), nullptr, 16));
+        r.slice = static_cast<uint32_t>(std::strtoul(name.substr(8, 4).c_str(), nullptr, 16));
     }
+    // The check code and the extension come from the disk as they are.
+    r.name = printable(name);
     r.channel = static_cast<uint32_t>(st.chn);
     r.size = static_cast<uint64_t>(st.st.st_size);
     r.start = static_cast<int64_t>(st.startTime);
