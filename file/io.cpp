@@ -7,7 +7,10 @@
 //   part 3  the main data                       [dataStart, limit)
 // where the limit is dataEnd for reads and 0x7FFFFFFF for writes, so that a
 // write may extend the data. Before the pre-record pointers are set, a file
-// with a reserved area is one linear part from resStart.
+// with a reserved area is one linear part [resStart, resEnd): reads end
+// where the writes so far ended, and a write that does not fit in the area
+// is refused whole (the area is all the room the file has until then; the
+// block's next file may begin right behind it).
 //
 // Every call maps and transfers under the per-file lock, so the position
 // fields cannot change between the mapping and the transfers, and a
@@ -37,15 +40,15 @@ struct Part {
     uint64_t len = 0;
 };
 
-// b - a, or 0 when a damaged entry has b below a.
-uint64_t span(uint64_t a, uint64_t b) { return b > a ? b - a : 0; }
+using qvfs::bf::span;
 
 void lay_out_parts(const TQvBlkSliceInfo& s, bool isRead, Part (&p)[kParts]) {
     uint64_t limit = isRead ? s.dataEnd : kWriteLimit;
-    if (s.resStart == 0 || s.resEnd == 0) {
+    if (!qvfs::bf::has_ring_area(s)) {
         p[2] = {s.dataStart, span(s.dataStart, limit)};
-    } else if (s.preStart == 0 || s.preEnd == 0) {
-        p[2] = {s.resStart, kWriteLimit};
+    } else if (!qvfs::bf::ring_set(s)) {
+        const uint64_t end = isRead && s.dataEnd < s.resEnd ? s.dataEnd : s.resEnd;
+        p[2] = {s.resStart, span(s.resStart, end)};
     } else if (s.preStart <= s.preEnd) {
         p[1] = {s.preStart, s.preEnd - s.preStart};
         p[2] = {s.dataStart, span(s.dataStart, limit)};
@@ -69,10 +72,9 @@ void grow_to(TQvFileHandle* h, uint64_t end) {
     bf_Sync(&s, h->blkFile);
 }
 
-// Reads never leave the file's block: a file addressed linearly from its
-// reserved area maps up to 0x7FFFFFFF bytes, which the block layer would read
-// on into the next block. Segments are cut at the block's end and dropped
-// beyond it. Returns the number of segments left.
+// Reads never leave the file's block, whatever the regions say: segments
+// are cut at the block's end and dropped beyond it. Returns the number of
+// segments left.
 int clip_to_block(const uint32_t* addr, uint32_t* lens, int n) {
     const uint64_t unit = df_GetDiskUnitSize();
     for (int i = 0; i < n; ++i) {
@@ -86,17 +88,44 @@ int clip_to_block(const uint32_t* addr, uint32_t* lens, int n) {
 }
 
 }  // namespace
-
-uint64_t prerecord_length(const TQvBlkSliceInfo& s) {
-    if (s.preEnd == 0 || s.preStart == 0) return 0;
-    if (s.preStart < s.preEnd) return s.preEnd - s.preStart;
-    return (s.resEnd - s.resStart) + (s.preEnd - s.preStart);
-}
-
 }  // namespace qvfs::file
 
 using namespace qvfs;
 using namespace qvfs::file;
+
+namespace {
+
+// A file whose data would end beyond what it may reach (a newer file of the
+// block starts there) is refused whole: 1012, and the handle's errNo says the
+// block is full, which tells a recorder to go on in a new file.
+bool refuse_overgrowth(TQvFileHandle* h, uint64_t end) {
+    if (end <= qvfs::bf::growth_limit(h->blkFile, h->rec->slice, df_GetDiskUnitSize())) return false;
+    h->errNo = qvfs::bf::kXferNearFull;
+    errno = QVFS_ERR_BLOCKRANGE;
+    return true;
+}
+
+// Maps a write, which goes whole or not at all: a range the file's parts
+// cannot take entire (the reserved area before the ring pointers are set, or
+// beyond the highest address a write may reach) is refused with 1012 before
+// a byte moves. The number of segments, or -1.
+int map_write(uint32_t pos, uint32_t len, TQvFileHandle* h, uint32_t* addr, uint32_t* lens) {
+    const TQvBlkSliceInfo& s = h->rec->slice;
+    int n = _tf_MapSegments(pos, len, &s, addr, lens, 0);
+    if (n < 0) {
+        if (len != 0) errno = QVFS_ERR_BLOCKRANGE;  // nothing of the range lies where the file may go
+        return -1;
+    }
+    uint64_t mapped = 0;
+    for (int i = 0; i < n; ++i) mapped += lens[i];
+    if (mapped < len) {
+        errno = QVFS_ERR_BLOCKRANGE;
+        return -1;
+    }
+    return refuse_overgrowth(h, uint64_t(addr[n - 1]) + lens[n - 1]) ? -1 : n;
+}
+
+}  // namespace
 
 int _tf_MapSegments(uint32_t pos, uint32_t len, const TQvBlkSliceInfo* slice, uint32_t* addr,
                     uint32_t* lens, int isRead) {
@@ -157,7 +186,7 @@ int tf_Write(uint32_t pos, const void* buf, uint32_t len, TQvFileHandle* handle)
     }
     ProcLockGuard file(handle->lockId);
     uint32_t addr[kMaxSegments], lens[kMaxSegments];
-    int n = _tf_MapSegments(pos, len, &handle->rec->slice, addr, lens, 0);
+    int n = map_write(pos, len, handle, addr, lens);
     if (n < 0) return -1;
     auto* in = static_cast<const unsigned char*>(buf);
     int last = 0;
@@ -179,7 +208,7 @@ int tf_Writev(uint32_t pos, const struct iovec* iov, int iovcnt, TQvFileHandle* 
 
     ProcLockGuard file(handle->lockId);
     uint32_t addr[kMaxSegments], lens[kMaxSegments];
-    int n = _tf_MapSegments(pos, sum, &handle->rec->slice, addr, lens, 0);
+    int n = map_write(pos, sum, handle, addr, lens);
     if (n < 0) return -1;
 
     int last = 0;
@@ -236,13 +265,16 @@ int tf_UpdataePreRecPtr(TQvFileHandle* handle, uint64_t start, uint64_t end) {
         errno = QVFS_ERR_BADARG;
         return -1;
     }
-    uint64_t unit = df_GetDiskUnitSize();
-    if (start > unit || end > unit) {
-        errno = QVFS_ERR_BLOCKRANGE;
-        return -1;
-    }
     ProcLockGuard file(handle->lockId);
     TQvBlkSliceInfo& s = handle->rec->slice;
+    // Both pointers lie inside the file's own reserved area: a file without
+    // one has no ring, and a pointer elsewhere would read other bytes of
+    // the block as ring bytes. Refused with nothing changed.
+    const uint64_t area = qvfs::bf::has_ring_area(s) ? span(s.resStart, s.resEnd) : 0;
+    if (start >= area || end >= area) {
+        errno = QVFS_ERR_BADARG;
+        return -1;
+    }
     s.preStart = s.resStart + start;
     s.preEnd = s.resStart + end;
     s.dataStart = s.resEnd;
@@ -262,10 +294,25 @@ int tf_ftruncate(TQvFileHandle* handle, uint64_t length) {
     }
     ProcLockGuard file(handle->lockId);
     TQvBlkSliceInfo& s = handle->rec->slice;
-    uint64_t pre = prerecord_length(s);
+    if (qvfs::bf::has_ring_area(s) && !qvfs::bf::ring_set(s)) {
+        // Before the pointers are set the file is its reserved area.
+        if (length > span(s.resStart, s.resEnd)) {
+            errno = QVFS_ERR_BLOCKRANGE;
+            return -1;
+        }
+        s.dataStart = s.resStart;
+        s.dataEnd = s.resStart + length;
+        return bf_Sync(&s, handle->blkFile);
+    }
+    uint64_t pre = qvfs::bf::ring_length(s);
     if (length < pre) return -1;  // the pre-record part cannot be cut
     uint64_t data = length - pre;
-    if (data > unit) return -1;
+    // The data never reaches past the block's end.
+    if (s.dataStart + data > unit) {
+        errno = QVFS_ERR_BLOCKRANGE;
+        return -1;
+    }
+    if (s.dataStart + data > s.dataEnd && refuse_overgrowth(handle, s.dataStart + data)) return -1;
     s.dataEnd = s.dataStart + data;
     return bf_Sync(&s, handle->blkFile);
 }
