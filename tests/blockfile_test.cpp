@@ -139,21 +139,6 @@ TEST_F(BlockTest, OpenMatchesTheCheckCodeInAnyCaseAcrossProcesses) {
     bf_CloseFile(h);
 }
 
-TEST_F(BlockTest, LastCloseClosesTheDeviceAndFreesTheSlot) {
-    ready_disk(0, 2);
-    TQvBlkRec* a = get(0, 1);
-    ASSERT_TRUE(a != nullptr && a == get(0, 1));
-    const int fd = a->fd;
-    const uint32_t slot = a->blkIdx;
-    EXPECT_EQ(std::make_tuple(std::make_pair(2, 2), a), std::make_tuple(refs(a), table_entry(slot)));
-    EXPECT_EQ(0, bf_CloseFile(a));
-    EXPECT_EQ(std::make_tuple(true, a, 1), std::make_tuple(fcntl(fd, F_GETFD) != -1, table_entry(slot), a->share->shrRef));
-    EXPECT_EQ(0, bf_CloseFile(a));
-    EXPECT_EQ(std::make_tuple(false, nullptr), std::make_tuple(fcntl(fd, F_GETFD) != -1, table_entry(slot)));
-    EXPECT_ERR(nullptr, QVFS_ERR_DISKNUM, get(0, -1));
-    EXPECT_EQ(nullptr, get(4, 0)) << "not mounted";
-}
-
 // 1025 distinct blocks need a disk of more than 1 TiB: a sparse image whose
 // blocks are never written (fresh all-zero headers load fine).
 TEST_F(BlockTest, AProcessHoldsAtMost1024Blocks) {
@@ -171,7 +156,10 @@ TEST_F(BlockTest, AProcessHoldsAtMost1024Blocks) {
     EXPECT_ERR(nullptr, QVFS_ERR_TOOMANYBLOCKS, get(3, 1024));
     EXPECT_EQ(held[700], get(3, 700)) << "a block already held is still found";
     _bf_PutBlock(held[700]);
+    const int fd = held[5]->fd;
     ASSERT_EQ(0, bf_CloseFile(held[5]));
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "the last close closes the device";
+    EXPECT_ERR(nullptr, QVFS_ERR_DISKNUM, get(3, -1));
     held[5] = get(3, 1024);
     ASSERT_NE(nullptr, held[5]) << errno;
     EXPECT_EQ(5u, held[5]->blkIdx) << "the lowest empty slot is reused";
@@ -613,29 +601,6 @@ TEST_F(BlockUnlink, AnEmptyDirectoryUnderACountingHeaderGivesTheBlockBack) {
         }
         EXPECT_TRUE(given_back(0)) << whole;
     }
-}
-
-TEST_F(BlockUnlink, BlockStatesForRecordingsAndPictures) {
-    ready_disk(0, 4);
-    auto stat = [](uint32_t blk) {
-        TQvBlkStat st{};
-        EXPECT_EQ(0, bf_GetBlockStat(0, blk, &st));
-        return std::vector<uint32_t>{st.diskId, st.blkId, st.dataType, st.lock, st.recType, st.state, st.endTimeLo, st.endTimeHi};
-    };
-    BFile rec = bf_create(param(8, 0, 0, 5));
-    rec.slice.endTime = 0x100000002ull, rec.slice.dataEnd = 0x201000;
-    ASSERT_EQ(0, bf_Sync(&rec.slice, rec.h));
-    ASSERT_EQ(0, bf_BlockOpt(rec.h, 0, 1));
-    // The channel's current recording block (state 1); the end time in two words.
-    EXPECT_EQ((std::vector<uint32_t>{0, 0, 0, kLockZero + 1, 0xFFFF0001u, 1, 2, 1}), stat(0));
-    // Pictures (file type 5) of the same channel: block type 3, current too.
-    BFile pic = bf_create(param(8, 5, 0, 1));
-    EXPECT_EQ((std::vector<uint32_t>{0, 1, 3, kLockZero, 0xFFFF0000u, 1, 0, 0}), stat(1));
-    // A request too long for block 0's rest moves the channel on: block 0 is
-    // then allocated but not current (2); block 3 was never allocated (0).
-    BFile more = bf_create(param(8, 0, 0x40000000 - 0x200000 - 0x500000));
-    EXPECT_EQ(std::make_tuple(2u, 2u, 0u), std::make_tuple(more.h->share->blkId, stat(0)[5], stat(3)[5]));
-    for (BFile* c : {&rec, &pic, &more}) bf_CloseFile(c->h);
 }
 
 }  // namespace

@@ -56,7 +56,7 @@ if(TARGET qvfs-tool)
   find_package(nlohmann_json QUIET)
   # A cross build runs the tool through the same emulator as the tests.
   string(REPLACE ";" " " QVFS_TOOL_RUNNER "${CMAKE_CROSSCOMPILING_EMULATOR}")
-  foreach(t cli_disk_test cli_files_test cli_check_test cli_views_test)
+  foreach(t cli_test)
     if(TARGET ${t} AND nlohmann_json_FOUND)
       target_compile_definitions(${t} PRIVATE QVFS_TOOL_PATH="$<TARGET_FILE:qvfs-tool>"
                                  QVFS_TOOL_RUNNER="${QVFS_TOOL_RUNNER}")
@@ -67,6 +67,6 @@ if(TARGET qvfs-tool)
 endif()
 
 # The FUSE view's test runs where the tool has the view.
-if(TARGET cli_views_test AND QVFS_FUSE3_INCLUDE_DIR AND QVFS_FUSE3_LIBRARY)
-  target_compile_definitions(cli_views_test PRIVATE QVFS_TOOL_FUSE)
+if(TARGET cli_test AND QVFS_FUSE3_INCLUDE_DIR AND QVFS_FUSE3_LIBRARY)
+  target_compile_definitions(cli_test PRIVATE QVFS_TOOL_FUSE)
 endif()

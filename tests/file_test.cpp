@@ -249,15 +249,6 @@ TEST_F(FileTest, InformationMaskWalkAndPersistence) {
     EXPECT_EQ(std::make_pair(std::string("hello"), std::string("-------")), std::make_pair(std::string(a, 5), std::string(b)));
     ASSERT_EQ(0, tf_GetFileInfo(h, 0x80 | 8, ab, 2));
     EXPECT_EQ(std::make_pair(std::string("xy"), std::string("-------")), std::make_pair(std::string(a, 2), std::string(b)));
-    // Everything survives a close and a reopen from the block.
-    ASSERT_EQ(0, tf_CloseFile(h));
-    h = tf_open(name);
-    ASSERT_NE(nullptr, h);
-    uint32_t vaBack = 0;
-    TQvFileInfo three[3] = {{&vaBack, 4}, {a, 8}, {b, 8}};
-    ASSERT_EQ(0, tf_GetFileInfo(h, 2 | 4 | 8, three, 3));
-    EXPECT_EQ(std::make_tuple(0x12345678u, std::string("hello"), std::string("xy")),
-              std::make_tuple(vaBack, std::string(a, three[1].len), std::string(b, three[2].len)));
     EXPECT_EQ(0, tf_CloseFile(h));
     EXPECT_EQ(0, tf_CloseFile(prev.h));
 }

@@ -45,9 +45,8 @@ std::string contents(int fd) {
 
 }  // namespace
 
-ToolRun run_program(const std::string& program, const std::vector<std::string>& args,
-                    const std::vector<std::string>& env, int timeoutMs) {
-    ToolRun r;
+pid_t start_program(const std::string& program, const std::vector<std::string>& args,
+                    const std::vector<std::string>& env, int in, int out, int err) {
     // Everything the child needs is built before the fork: between fork and
     // exec only async-signal-safe calls are allowed in a threaded process.
     // Later entries replace earlier ones of the same name.
@@ -70,7 +69,6 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
     for (auto& e : envs) envp.push_back(e.data());
     envp.push_back(nullptr);
 
-    const int out = scratch_file(), err = scratch_file(), in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     const pid_t pid = out < 0 || err < 0 || in < 0 ? -1 : fork();
     if (pid == 0) {
         dup2(in, 0);
@@ -79,6 +77,14 @@ ToolRun run_program(const std::string& program, const std::vector<std::string>& 
         execve(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }
+    return pid;
+}
+
+ToolRun run_program(const std::string& program, const std::vector<std::string>& args,
+                    const std::vector<std::string>& env, int timeoutMs) {
+    ToolRun r;
+    const int out = scratch_file(), err = scratch_file(), in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const pid_t pid = start_program(program, args, env, in, out, err);
     if (in >= 0) ::close(in);
     // Waits in steps of 2 ms; a program still running after timeoutMs is killed.
     int ws = 0;
@@ -122,15 +128,19 @@ ToolRun CliTest::qvfs(const std::vector<std::string>& args, const std::vector<st
     return qvfs_plain(all, env);
 }
 
-ToolRun CliTest::qvfs_plain(const std::vector<std::string>& args, const std::vector<std::string>& env) const {
+std::vector<std::string> CliTest::command(const std::vector<std::string>& args) const {
     std::vector<std::string> cmd;
     std::istringstream words(runner_);
     for (std::string w; words >> w;) cmd.push_back(w);
     cmd.push_back(tool_);
     cmd.insert(cmd.end(), args.begin(), args.end());
+    return cmd;
+}
+
+ToolRun CliTest::qvfs_plain(const std::vector<std::string>& args, const std::vector<std::string>& env) const {
+    std::vector<std::string> cmd = command(args), e{"TZ=UTC"};
     const std::string program = cmd.front();
     cmd.erase(cmd.begin());
-    std::vector<std::string> e{"TZ=UTC"};
     e.insert(e.end(), env.begin(), env.end());
     return run_program(program, cmd, e);
 }

@@ -13,6 +13,8 @@
 //   }
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -39,6 +41,9 @@ struct ToolRun {
 // -SIGKILL).
 ToolRun run_program(const std::string& program, const std::vector<std::string>& args,
                     const std::vector<std::string>& env = {}, int timeoutMs = 60000);
+// Starts it with the given standard streams and returns at once: its pid, or -1.
+pid_t start_program(const std::string& program, const std::vector<std::string>& args,
+                    const std::vector<std::string>& env, int in, int out, int err);
 
 // A failed run: exit code `status` and one line on standard error starting
 // with "qvfs: ". That line must equal `err` when `err` starts with "qvfs: ",
@@ -71,6 +76,8 @@ protected:
     ToolRun qvfs(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) const;
     // The same without the --root option.
     ToolRun qvfs_plain(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) const;
+    // The runner's words, the tool, args: a command line for start_program.
+    std::vector<std::string> command(const std::vector<std::string>& args) const;
 
     // Records a file through the library in this process: channel, file
     // type, start time and record type as given, `bytes` written, closed.
