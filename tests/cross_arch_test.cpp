@@ -1,13 +1,8 @@
-// The same disk, whichever build wrote it; and the values that outgrow 32
-// bits on the 32-bit ARM recorders.
-//
-// CrossArchImage records a fixed scenario on a sparse image through the
-// public calls and reads everything they report about it into a text, one
-// line per fact, checking bytes and fields against the scenario on the way.
-// A fresh process mounting the image under new keys must produce the same
-// text. scripts/armhf.sh sets QVFS_XARCH_DIR: RecordForTheOtherBuild leaves
-// image and text there, and ReadTheOtherBuildsImage, run by the other
-// architecture's build, must read the same text from that image.
+// The same disk, whichever build wrote it: a fixed scenario recorded through
+// the public calls, everything they report read into a text (bytes and fields
+// checked against the scenario on the way), the same text read by a fresh
+// process and, with QVFS_XARCH_DIR (scripts/armhf.sh), by the other
+// architecture's build. And the values that outgrow 32 bits on ARM.
 #include <gtest/gtest.h>
 #include <sys/uio.h>
 

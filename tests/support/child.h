@@ -1,20 +1,10 @@
-// child.h - test code in forked child processes.
-//
-//   Child c = Child::spawn([&](ChildLink& link) {
-//       CHILD_CHECK(link, fd >= 0);   // on failure: file, line, condition reported; exit 1
-//       link.send(1);                 // "I hold the lock now"
-//       return pause(), 0;            // the exit code
-//   });
-//   ASSERT_TRUE(c.expect(1));
-//   c.kill_now();                     // SIGKILL in the middle of it
-//
-// The child leaves with _exit and never runs the parent's destructors (a
-// Sandbox stays the parent's). Failed EXPECTs in a body reach the parent's
-// report and turn exit code 0 into 1. Values travel as 64-bit integers both
-// ways, report text on a second channel. A child dies with the thread that
-// spawned it, and a Child going out of scope kills and reaps its process. A
-// fork copies only the forking thread: fork before starting library threads
-// when the child needs consistent per-process library state.
+// child.h - test code in forked child processes: Child::spawn runs a body
+// that returns its exit code; CHILD_CHECK reports file, line and condition
+// and exits 1; failed EXPECTs in a body are printed (the child shares the
+// test's output) and turn exit code 0 into 1; 64-bit values travel both ways.
+// The child leaves with _exit (a Sandbox stays the parent's), dies with the
+// thread that spawned it and is killed and reaped when its Child goes. A fork
+// copies only the forking thread: fork before starting library threads.
 #pragma once
 
 #include <sys/types.h>
@@ -29,11 +19,11 @@ class ChildLink {
 public:
     bool send(int64_t v);                          // false when the parent is gone
     bool recv(int64_t* v, int timeoutMs = 10000);  // false on timeout or a closed end
-    int fail(const char* fmt, ...) __attribute__((format(printf, 2, 3)));  // reports a line, returns 1
+    int fail(const char* fmt, ...) __attribute__((format(printf, 2, 3)));  // a line on stderr; returns 1
 
 private:
     friend class Child;
-    int chan_ = -1, text_ = -1;
+    int chan_ = -1;
 };
 
 class Child {
@@ -56,15 +46,13 @@ public:
     // did not end in time; the same on every call.
     int wait(int timeoutMs = 30000);
     int kill_now();
-    std::string describe(int result);  // a wait() result and the child's report
+    std::string describe(int result) const;  // a wait() result
 
 private:
-    void drain_text();
     void release();
     pid_t pid_ = -1;
     bool reaped_ = false;
-    int result_ = kNoChild, chan_ = -1, text_ = -1;
-    std::string textBuf_;
+    int result_ = kNoChild, chan_ = -1;
 };
 
 #define CHILD_CHECK(link, cond) \

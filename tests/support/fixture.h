@@ -1,12 +1,5 @@
-// fixture.h - the one fixture of the library's tests, with a start level.
-//
-//   class MyTest : public qvfs::test::FileTest {};
-//   TEST_F(MyTest, X) {
-//       TFile f = tf_create();            // a new recording on disk 0
-//       EXPECT_EQ(4, tf_Write(0, "abcd", 4, f.h));
-//   }
-//
-// Start levels: SetUp starts the library up to the layer the test talks to.
+// fixture.h - the one fixture of the library's tests, with a start level:
+// SetUp starts the library up to the layer the test talks to.
 //   DiskTest   fsc_ShareInit + df_Init       no disk: ready_disk(disk, blocks)
 //   BlockTest  fsc_ShareInit + bf_Init       no disk: ready_disk(disk, blocks)
 //   FileTest   tf_Init                       disk 0 (kBlocks blocks) formatted and mounted: disk_

@@ -1,22 +1,11 @@
-// sandbox.h - a private system root for one test process.
-//
-// A Sandbox makes a fresh directory (qvfs-sbx-XXXXXX under $TMPDIR or /tmp),
-// points QVFS_ROOT at it and re-reads it in the platform module: the library
-// then finds its key directory, its disks "/dev/scsi/hostNN/part1" and its
-// task device below it while every name it computes stays the real one.
-//
-// Keys. ftok keeps only 24 bits of a key file's identity (device and inode),
-// so two sandboxes running in parallel could meet on a key. The sandbox
-// makes its key files itself and claims each file's identity (and the one
-// 0x10000 above it, which record locks use) in the machine-wide directory
-// $TMPDIR/qvfs-sbx-claims; a key file whose identity is claimed, or under
-// whose keys an object already exists, is replaced by a new inode.
-//
-// Teardown removes every semaphore and segment under the sandbox's keys and
-// the tree, and restores QVFS_ROOT. The claims stay while the process lives;
-// the next sandbox that finds a claim of a dead process removes whatever is
-// left under its identity (a killed test, a library thread that outlived the
-// teardown) and its tree. One sandbox per process at a time; a forked child
+// sandbox.h - a private system root for one test process: a fresh directory
+// under $TMPDIR named by QVFS_ROOT, below which the library finds its key
+// directory, disks and task device. ftok keeps only 24 bits of a key file's
+// identity, so the sandbox claims each key file's identity (and the one
+// 0x10000 above, for record locks) in $TMPDIR/qvfs-sbx-claims and replaces a
+// file whose identity is claimed or whose keys are in use. Teardown removes
+// every object under the sandbox's keys and the tree; a later sandbox sweeps
+// what a dead process left under its claims. One per process; a forked child
 // inherits it but never tears it down.
 #pragma once
 
