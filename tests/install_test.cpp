@@ -10,7 +10,7 @@
 #error "tests/extra.cmake gives this test the build and source directories"
 #endif
 
-TEST(Install, PkgConfigFindPackageAndRunPaths) {
+TEST(Install, SlowPkgConfigFindPackageAndRunPaths) {  // builds and installs: the slow tier
     qvfs::test::Sandbox sbx;
     const qvfs::test::ToolRun r = qvfs::test::run_program(
         "/bin/bash", {QVFS_SOURCE_DIR "/tests/install_check.sh"},
