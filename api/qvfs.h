@@ -19,6 +19,19 @@
  * file opened by name in one process may be written by another at the same
  * time (live playback while recording).
  *
+ * Lifecycle. qvfs_Init starts the library in a process; a second call there
+ * changes nothing and keeps the handles. A process closes its handles and
+ * unmounts its disks (qvfs_UnMount: this process only) before it exits, or
+ * calls qvfs_DeInit, which closes them all. A process that dies without
+ * doing so loses nothing its returned writes acknowledged (the file entries
+ * on the device carry it), and the file records it held are given back by
+ * the task check of the processes that remain (qvfs_SetMainTask). The flush
+ * thread brings written data to the device in the background.
+ *
+ * Why a call failed. errno holds a code of qvfs_types.h, shared by many
+ * causes; qvfs_LastReason names the one cause (disk full, not mounted,
+ * handle table full, no such file, ...) and qvfs_ErrorString words both.
+ *
  * The road of one recording:
  *   qvfs_Init(); qvfs_Mount("/dev/scsi/host00/part1");
  *   TQvfsOpenParam p = {0}; p.chn = 3; p.startTime = time(NULL); ...
@@ -50,8 +63,11 @@ QVFS_API int qvfs_GetTimeString(uint32_t seconds, char* buf, uint32_t size);
 
 /* ---- library lifecycle ---------------------------------------------------- */
 
-/* Build stamp of the library. */
+/* Build stamp kept for older applications; it does not change with the
+ * library. qvfs_Version gives the library's version ("major.minor.patch",
+ * the same as the shared object's). */
 extern QVFS_API const char* g_pcSvnVersion;
+QVFS_API const char* qvfs_Version(void);
 
 /* Starts the library in this process: makes the key directory "/dvr/qvfs"
  * when missing, clears the handle table, resets the allocator hooks, starts
@@ -91,6 +107,26 @@ QVFS_API int qvfs_SetMainTask(void);
 QVFS_API int qvfs_error(int handle);
 
 /* ---- handles and streams ---------------------------------------------------- */
+
+/* File types (TQvfsOpenParam.fileType). The type decides the block type of
+ * the block a file goes into; any other value records as QVFS_FILE_REC. */
+#define QVFS_FILE_REC 0    /* video recording */
+#define QVFS_FILE_PREREC 1 /* recording with a pre-record ring of resSize bytes */
+#define QVFS_FILE_KEEP 2   /* recording kept apart (BACK block, 'B' in its name, entry lock 2) */
+#define QVFS_FILE_IMG 3
+#define QVFS_FILE_BACK 4
+#define QVFS_FILE_PIC 5    /* pictures */
+#define QVFS_FILE_FPD 6
+#define QVFS_FILE_ITS 7
+
+/* Block types (a block's data type, QvfsBlockStat word 2, the dataType
+ * argument of the block queries), labelled as the tool prints them. */
+#define QVFS_BLK_REC 0  /* file types 0, 1 and any other value */
+#define QVFS_BLK_IMG 1  /* file type 3 */
+#define QVFS_BLK_BACK 2 /* file types 2 and 4 */
+#define QVFS_BLK_PIC 3  /* file type 5 */
+#define QVFS_BLK_FPD 4  /* file type 6 */
+#define QVFS_BLK_ITS 5  /* file type 7 */
 
 /* Open flags (the third argument of the open calls). */
 #define QVFS_O_RDONLY 0
@@ -331,12 +367,20 @@ QVFS_API int qvfs_GetBlockStat(uint32_t disk, uint32_t blockId, QvfsBlockStat* o
 /* ---- error messages ------------------------------------------------------------ */
 
 /* Words for a code that a call left in errno, for messages to people: every
- * code of qvfs_types.h, QVFS_ERR_SYS + a system errno (the system's message),
+ * code and reason of qvfs_types.h, QVFS_ERR_SYS + a system errno (the system's message),
  * 2 * QVFS_ERR_SYS + errno (a format whose metadata writes failed), a bare
  * system errno, and "unknown error" for anything else. Never null. The text
  * is static or lives in a buffer of the calling thread that its next call
  * overwrites. Does not test the initialised flag; any thread may call. */
 QVFS_API const char* qvfs_ErrorString(int code);
+
+/* The cause of the calling thread's last failure, one of the QVFS_WHY_*
+ * reasons of qvfs_types.h (qvfs_ErrorString words it). Every call that tests
+ * the initialised flag clears it on entry, so it tells about the thread's
+ * last such call: QVFS_WHY_NONE after a success, or after a failure whose
+ * errno code says all that is known (a system error, say). Any thread may
+ * call; does not test the initialised flag. */
+QVFS_API int qvfs_LastReason(void);
 
 QVFS_EXTERN_C_END
 

@@ -8,6 +8,7 @@
 #include "blockfile/bf.h"
 #include "platform.h"
 #include "proc_lock.h"
+#include "reason.h"
 
 namespace qvfs::bf {
 
@@ -74,9 +75,14 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     // would make a name no call can give back, and a reserved area that is
     // negative or larger than a block's data area.
     const bool reserves = req->fileType == 1 && req->resSize != 0;
-    if (!extension_acceptable(req->ext) ||
-        (reserves && (req->resSize < 0 || uint64_t(req->resSize) > span(selfInfo, df_GetDiskUnitSize())))) {
+    if (!extension_acceptable(req->ext)) {
         errno = QVFS_ERR_BADARG;
+        why(QVFS_WHY_BAD_EXTENSION);
+        return nullptr;
+    }
+    if (reserves && (req->resSize < 0 || uint64_t(req->resSize) > span(selfInfo, df_GetDiskUnitSize()))) {
+        errno = QVFS_ERR_BADARG;
+        why(QVFS_WHY_BAD_RESERVE);
         return nullptr;
     }
     ProcLockGuard blkMutex(g_tBlkMutex);
@@ -181,7 +187,10 @@ QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice) {
     }
     ProcLockGuard blkMutex(g_tBlkMutex);
     uint32_t pair[2];
-    if (_bf_ParseFileName(name, pair) != 0) return nullptr;
+    if (_bf_ParseFileName(name, pair) != 0) {
+        why(QVFS_WHY_BAD_NAME);
+        return nullptr;
+    }
     TQvBlkId id{pair[0], static_cast<int32_t>(pair[1])};
     TQvBlkRec* h = _bf_GetBlock(&id);
     if (h == nullptr) return nullptr;
@@ -189,6 +198,7 @@ QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice) {
     ProcLockGuard blockLock(h->lock);
     TQvBlkShare* rec = h->share;
     uint32_t k = 0;
+    why(QVFS_WHY_NO_SUCH_FILE);  // until the entry is found and matches
     TQvBlkSliceInfo entry;
     std::memset(&entry, 0, sizeof entry);  // a short read leaves zeros, never stale bytes
     // A free block holds no file, whatever its front still shows.
@@ -212,9 +222,11 @@ QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice) {
         // Every position of the file is computed from these regions: a
         // damaged entry is never handed up.
         errno = QVFS_ERR_DAMAGED;
+        why(QVFS_WHY_DAMAGED);
         ok = false;
     }
     if (ok) {
+        why_clear();
         entry.sliceID = k;
         std::memcpy(slice, &entry, sizeof entry);
         return h;

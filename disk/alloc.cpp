@@ -11,6 +11,7 @@
 #include "common/devio.h"
 #include "common/proc_lock.h"
 #include "disk/df.h"
+#include "reason.h"
 
 using namespace qvfs::disk;
 
@@ -74,16 +75,19 @@ int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out) {
     const int disk = fsc_GetDiskNumByPath(req->path);
     if (disk < 0) {
         errno = QVFS_ERR_DISKNUM;
+        qvfs::why(QVFS_WHY_NOT_MOUNTED);
         return -1;
     }
     if (disk >= QVFS_MAX_DISKS || rec(static_cast<uint32_t>(disk)).share == nullptr) {
         errno = QVFS_ERR_BADARG;
+        qvfs::why(QVFS_WHY_NOT_MOUNTED);
         out->block = -1;
         return -1;
     }
     TQvDiskRec& d = rec(static_cast<uint32_t>(disk));
     qvfs::ProcLockGuard lock(d.lock);  // status map and tables of the image
     if (!is_ready(d)) {
+        qvfs::why(QVFS_WHY_NOT_MOUNTED);
         out->block = -1;
         return -1;
     }
@@ -91,6 +95,7 @@ int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out) {
     const uint32_t t = static_cast<uint32_t>(fsc_GetBlkType(req->fileType)) % kTypes;
     if (c >= kChannels) {
         errno = QVFS_ERR_CHANNEL;
+        qvfs::why(QVFS_WHY_CHANNEL);
         out->block = -1;
         return -1;
     }
@@ -112,6 +117,7 @@ int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out) {
     const uint8_t* hit = static_cast<const uint8_t*>(std::memchr(s.map, QV_BLK_FREE, blocks));
     if (hit == nullptr) {
         errno = QVFS_ERR_BADHANDLE;
+        qvfs::why(QVFS_WHY_DISK_FULL);
         out->block = -1;
         return -1;
     }

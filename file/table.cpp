@@ -14,6 +14,7 @@
 
 #include "common/proc_lock.h"
 #include "file/tf_internal.h"
+#include "reason.h"
 
 int g_qvFileMutex = -1;
 
@@ -107,6 +108,7 @@ TQvFileHandle* make_handle(const char* name) {
     const char* dot = std::strchr(name, '.');
     if (dot == nullptr || dot - name < kMinDotPos) {
         errno = QVFS_ERR_BADHANDLE;
+        why(QVFS_WHY_BAD_NAME);
         return nullptr;
     }
     uint32_t slice = read_hex(dot - kSliceBeforeDot, 4);
@@ -117,6 +119,7 @@ TQvFileHandle* make_handle(const char* name) {
     }
     if (df_IsDiskReady(uint32_t(disk)) != 0) {
         errno = QVFS_ERR_BADHANDLE;
+        why(QVFS_WHY_NOT_MOUNTED);
         return nullptr;
     }
     uint64_t key = file_owner_key(uint32_t(disk), block, slice);
@@ -128,6 +131,7 @@ TQvFileHandle* make_handle(const char* name) {
     while (slot < kFileTableSize && g_fileTable[slot] != nullptr) ++slot;
     if (slot == kFileTableSize) {
         errno = QVFS_ERR_BADHANDLE;
+        why(QVFS_WHY_HANDLES_FULL);
         return nullptr;
     }
     auto* h = static_cast<TQvFileHandle*>(qvfs_Malloc(sizeof(TQvFileHandle)));
@@ -140,8 +144,10 @@ TQvFileHandle* make_handle(const char* name) {
     h->lockId = -1;
     g_fileTable[slot] = h;
 
+    errno = 0;  // all records in use is the one failure that sets no code
     auto* rec = static_cast<TQvFileRec*>(fsc_TfMalloc(key, sizeof(TQvFileRec)));
     if (rec == nullptr) {
+        if (errno == 0) why(QVFS_WHY_FILES_FULL);
         g_fileTable[slot] = nullptr;
         qvfs_Free(h);
         errno = QVFS_ERR_BADHANDLE;
@@ -322,6 +328,7 @@ int tf_Unlink(const char* name) {
     if (h->index < kFileTableSize) release_ref_locked(h);
     if (!alone) {
         errno = callerErrno;
+        why(QVFS_WHY_FILE_OPEN);
         return -1;
     }
     return bf_Unlink(name);

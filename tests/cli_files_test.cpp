@@ -33,10 +33,11 @@ class CliFiles : public CliTest {
 protected:
     CliFiles() : CliTest(QVFS_TOOL_PATH, QVFS_TOOL_RUNNER) {}
     Json json(const Args& args, const Args& env = {}) { return json_of(qvfs(args, env)); }
-    // The error line of a name that is well formed but not on disk 0.
+    // The error line of a name that is well formed but not on disk 0: the
+    // cause the library named, with the code.
     static std::string no_such(const std::string& name) {
         return "qvfs: cannot open " + name + " on disk 0 (/dev/scsi/host00/part1): " +
-               qvfs_ErrorString(QVFS_ERR_BADARG) + " (1001)\n";
+               qvfs_ErrorString(QVFS_WHY_NO_SUCH_FILE) + " (1001)\n";
     }
 };
 
