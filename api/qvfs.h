@@ -309,6 +309,22 @@ QVFS_API int qvfs_GetUsedBlockNum(const char* path);
 /* One TQvDiskBlkInfo per block in use among the first count blocks; the
  * number of records written. */
 QVFS_API int qvfs_GetBlockInfo(const char* path, TQvDiskBlkInfo* out, int count);
+/* The blocks holding a channel's recordings of one block type over a time
+ * range: the blocks in use of channel chn (or QVFS_ANY_CHANNEL) and block
+ * type blkType (a QVFS_BLK_* or QVFS_ANY_BLK_TYPE) that hold files and whose
+ * recorded time [startTime, max(startTime, endTime)] meets [from, to] (a
+ * block whose files hold no data yet, endTime 0, reaches on). The
+ * disk keeps an index of its blocks for this, shared by every process and
+ * current with every allocation and block-header write, so the cost grows
+ * with the answer, not with the disk: no block header is read. Returns how
+ * many blocks match, and writes the max earliest of them by start time
+ * (then block number) to out, in that order, as qvfs_GetBlockInfo would
+ * describe them (the times and file count of their headers). max 0 with a
+ * null out only counts. -1: QVFS_ERR_BADARG (null path, no disk, negative
+ * max, null out with max > 0, disk not mounted), QVFS_ERR_SYS + errno (the
+ * index cannot be made). */
+QVFS_API int qvfs_FindBlocks(const char* path, uint32_t chn, uint32_t blkType, int64_t from, int64_t to,
+                             TQvDiskBlkInfo* out, int max);
 /* The block a channel is currently filling with a file data type, or -1. */
 QVFS_API int qvfs_GetUsedInBlockId(const char* path, uint32_t channel, uint32_t dataType);
 /* Space a channel holds with a file data type, in MiB; -2 with errno

@@ -110,7 +110,9 @@ QVFS_API int _bf_WriteBlkInfo(const TQvBlkInfo* info, int fd, uint32_t disk, int
         errno = QVFS_ERR_BADARG;
         return -1;
     }
-    return write_sector(info, fd, disk, block, blkAddr, blkType);
+    const int r = write_sector(info, fd, disk, block, blkAddr, blkType);
+    if (r == 0) qvfs::disk::index_note_head(disk, block, info);
+    return r;
 }
 
 QVFS_API int _bf_WriteSlice(const TQvBlkSliceInfo* slice, int fd, uint32_t disk, int32_t block,

@@ -266,8 +266,10 @@ QVFS_API int bf_Sync(const TQvBlkSliceInfo* s, TQvBlkRec* h) {
     }
     // The header is written only when next or endTime moved; a failed write
     // leaves the advance in the shared copy for the next header write.
-    if (writeHeader && put_sector(&hd, h->fd, rec->diskId, blk, rec->blkAddr, hd.dataType) != 0)
-        return -1;
+    if (writeHeader) {
+        if (put_sector(&hd, h->fd, rec->diskId, blk, rec->blkAddr, hd.dataType) != 0) return -1;
+        qvfs::disk::index_note_head(rec->diskId, blk, &hd);
+    }
     df_SetSyncMark(rec->diskId, 1);
     return 0;
 }

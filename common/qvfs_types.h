@@ -89,6 +89,9 @@ typedef void (*QvfsFreeFn)(void* p);
 /* Fixed limits. */
 #define QVFS_MAX_DISKS 25
 #define QVFS_MAX_CHANNELS 1024
+/* Wildcards of the block search (qvfs_FindBlocks). */
+#define QVFS_ANY_CHANNEL 0xFFFFFFFFu
+#define QVFS_ANY_BLK_TYPE 0xFFFFFFFFu
 #define QVFS_MAX_HANDLES 1024
 #define QVFS_MAX_BLOCKS 131072
 #define QVFS_KEY_DIR "/dvr/qvfs"

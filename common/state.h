@@ -66,7 +66,40 @@ static_assert(offsetof(TQvfsState, blk) == 25664);
 static_assert(offsetof(TQvfsState, file) == 156736);
 static_assert(sizeof(TQvfsState) == 222272);
 
+// ---- the block index of a disk ----------------------------------------------
+// One segment per disk (project kProjDiskSegment0 + disk of the layer key
+// file), sized for the disk's blocks: the head, then one entry per block.
+// It answers "which blocks hold channel c's recordings of type t between two
+// times" from memory, without reading a block header. Built from the block
+// headers when a disk's image is loaded (and whenever a process finds it not
+// built), kept current by allocation and release (under the disk's lock)
+// and by every block-header write (without it: each field is stored and
+// loaded atomically). Never part of any format: a segment that does not
+// match the disk is rebuilt.
+struct TQvBlkIndexHead {
+    char magic[8];     // "QVFSBIDX"
+    uint32_t version;  // kBlkIndexVersion
+    uint32_t blocks;   // entries that follow (the disk's blocks)
+    uint32_t built;    // 1 once the entries describe the disk
+    uint32_t reserved[3];
+};
+static_assert(sizeof(TQvBlkIndexHead) == 32);
+
+struct TQvBlkIndexEntry {
+    uint32_t chn;        // channel of the header, valid while the block is in use
+    uint32_t type;       // block type of the header
+    uint32_t cnt;        // live files
+    uint32_t reserved;
+    uint64_t startTime;  // header's startTime
+    uint64_t endTime;    // header's endTime
+};
+static_assert(sizeof(TQvBlkIndexEntry) == 32);
+static_assert(offsetof(TQvBlkIndexEntry, startTime) == 16 && offsetof(TQvBlkIndexEntry, endTime) == 24);
+
 namespace qvfs {
+
+inline constexpr uint32_t kBlkIndexVersion = 1;
+inline constexpr char kBlkIndexMagic[8] = {'Q', 'V', 'F', 'S', 'B', 'I', 'D', 'X'};
 
 // Layout version of the segment; raise it whenever a field moves or changes
 // meaning, so that processes of different library versions never share a

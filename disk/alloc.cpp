@@ -128,6 +128,7 @@ int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out) {
     }
     s.map[b] = QV_BLK_USED;
     s.current[t][c] = b;
+    qvfs::disk::index_note_alloc(static_cast<uint32_t>(disk), static_cast<uint32_t>(b), c, t);
     ++s.count[t][c];
 
     MetaResult meta;

@@ -58,6 +58,16 @@ QVFS_API void* _df_FlushThread(void*);
 // data-type code at byte 8, length about to be written at byte 12, device
 // path from byte 24.
 QVFS_API int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out);
+// The blocks in use of channel `chn` and block type `type` (or any, with
+// QVFS_ANY_CHANNEL / QVFS_ANY_BLK_TYPE) holding files whose recorded time
+// [startTime, max(startTime, endTime)] (endTime 0: no end yet, the block
+// reaches on) meets [from, to], answered from the
+// disk's index: the number of such blocks, with the `max` earliest by start
+// time (then block number) in out, in that order. -1: 1001 (null path, no
+// disk, negative max, null out with max > 0, disk not mounted), 3000 +
+// errno when the index segment cannot be made. Takes the disk lock.
+QVFS_API int df_FindBlocks(const char* path, uint32_t chn, uint32_t type, int64_t from, int64_t to,
+                           TQvDiskBlkInfo* out, int32_t max);
 QVFS_API int df_ReleaseBlock(uint32_t disk, int32_t block, uint32_t channel, uint32_t type,
                              uint32_t clearLen);
 QVFS_API int64_t df_GetBlkAddr(uint32_t disk, int32_t block);
@@ -142,6 +152,20 @@ inline uint64_t block_addr(const TQvDiskHead& h, uint32_t b) {
 inline uint32_t map_blocks(const TQvDiskHead& h) {
     return h.tolblk < kMaxBlocks ? h.tolblk : kMaxBlocks;
 }
+
+// ---- the block index (disk/index.cpp) ----
+// Attaches this process to the disk's index and builds it from the block
+// headers when `fresh` (the image was just loaded) or when it does not
+// describe the disk. Caller holds the disk lock; the image is loaded. 0, or
+// -1 with errno + 3000 when the system refuses the segment.
+int index_mount(TQvDiskRec& d, uint32_t disk, bool fresh);
+// The disk was formatted: its index, in whichever process, is built again.
+void index_invalidate(uint32_t disk);
+// A block was given to channel `chn` for block type `type` (no file yet).
+// Caller holds the disk lock.
+void index_note_alloc(uint32_t disk, uint32_t block, uint32_t chn, uint32_t type);
+// A block header (512 bytes) was written to the device. No lock needed.
+void index_note_head(uint32_t disk, int32_t block, const void* sector);
 
 // Fields of a block header (the first 512 bytes of a block) that the disk
 // layer reads; the record itself belongs to the block-file layer.

@@ -271,6 +271,9 @@ int df_DiskMount(const char* path) {
     // Taken from a header that passed head_fits: every disk has the one
     // block size of the format, so no disk changes what another one does.
     __atomic_store_n(&g_ullUnitSize, uint64_t(d.share->head.blockSize), __ATOMIC_RELAXED);
+    // The index is built with the image; a mount that finds it current
+    // only attaches. Without it the disk still works; its queries retry.
+    qvfs::disk::index_mount(d, static_cast<uint32_t>(d.index), d.share->mounted == 0);
     // Only a mount that opened the device counts: a process mounts a disk
     // once however often it calls this.
     if (openedHere) ++d.share->mounted;
