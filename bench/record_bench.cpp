@@ -806,7 +806,7 @@ void usage() {
                  "usage: record_bench --qvfs-real DEV --ext4-dir DIR --raw DEV --raw-offset BYTES\n"
                  "                    [--qvfs-bytes N] [--rounds N] [--mib N] [--paced-seconds S]\n"
                  "                    [--play-mib N] [--list-blocks N] [--drop-caches] [--quick]\n"
-                 "                    [--svg FILE] [--setting TEXT]\n"
+                 "                    [--svg FILE] [--setting TEXT] [--workloads CxBYTES,...]\n"
                  "The disk is reached as %s below QVFS_ROOT.\n",
                  g_opt.qvfsDev.c_str());
 }
@@ -829,7 +829,21 @@ bool parse(int argc, char** argv) {
         else if (a == "--quick") g_opt.quick = true;
         else if (a == "--svg") g_opt.svg = val();
         else if (a == "--setting") g_opt.setting = val();
-        else return false;
+        else if (a == "--workloads") {
+            // CxBYTES[,CxBYTES...]: channels and chunk size of each run
+            const std::string list = val();
+            for (size_t at = 0; at < list.size();) {
+                size_t end = list.find(',', at);
+                if (end == std::string::npos) end = list.size();
+                int c = 0;
+                unsigned long long bytes = 0;
+                if (std::sscanf(list.substr(at, end - at).c_str(), "%dx%llu", &c, &bytes) != 2 || c <= 0 ||
+                    bytes == 0 || bytes > 16 * kMiB)
+                    return false;
+                g_opt.workloads.emplace_back(c, uint32_t(bytes));
+                at = end + 1;
+            }
+        } else return false;
     }
     if (g_opt.quick) {
         g_opt.rounds = 1;
@@ -839,7 +853,7 @@ bool parse(int argc, char** argv) {
         g_opt.playBytes = 8 * kMiB;
         g_opt.listBlocks = 20;
         g_opt.workloads = {{16, 64 * 1024}};
-    } else {
+    } else if (g_opt.workloads.empty()) {
         g_opt.workloads = {{16, 4096}, {16, 65536}, {16, 262144}, {64, 4096}, {64, 65536}, {64, 262144}};
     }
     return !g_opt.qvfsReal.empty() && !g_opt.ext4Dir.empty() && !g_opt.raw.empty() && g_opt.rounds > 0 &&
