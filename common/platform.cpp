@@ -248,6 +248,16 @@ int open_device(const char* sysPath, int flags) {
 
 int disk_of(int fd) { return disk_of_fd(fd); }
 
+int dup_device(int fd) {
+    const int copy = ::dup(fd);
+    if (copy >= 0) {
+        remember_disk(copy, disk_of_fd(fd));
+        remember_kind(copy, fd >= 0 && fd < kFdSlots ? FdKind(g_fdKind[fd].load(std::memory_order_relaxed))
+                                                     : kKindUnknown);
+    }
+    return copy;
+}
+
 int close_fd(int fd) {
     remember_disk(fd, -1);
     remember_kind(fd, kKindUnknown);

@@ -51,6 +51,10 @@ int open_device(const char* sys_path, int flags);
 // Closes a descriptor opened here. Returns close's result.
 int close_fd(int fd);
 
+// A second descriptor of what a descriptor opened here refers to, known to
+// the fault table as the same disk (dup). The descriptor or -1 with errno.
+int dup_device(int fd);
+
 // The disk number of a descriptor opened by open_device (from its path), or
 // -1 when it names none.
 int disk_of(int fd);

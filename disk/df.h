@@ -140,6 +140,12 @@ bool device_online(int fd);
 // answer (the flush pass, once per pass).
 void refresh_presence(uint32_t disk, int fd);
 
+// Zeroes `length` bytes of a block head at device offset `start` through fd
+// as _df_ClearBlockHead does; takes no lock (the allocation and release of
+// a block call it with the disk's lock released, on a descriptor of their
+// own, the block being theirs meanwhile). 0 or -1 as put_piece leaves it.
+int clear_head(int fd, uint64_t start, uint32_t length);
+
 // Attaches (or creates) the image of disk `index` and stores it in d.share.
 // Returns the image or null with errno from the pool.
 TQvDiskShare* attach_image(TQvDiskRec& d, uint32_t index);

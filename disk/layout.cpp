@@ -61,6 +61,28 @@ void refresh_presence(uint32_t disk, int fd) {
     __atomic_store_n(&st->presenceMs, now_ms(), __ATOMIC_RELAXED);
 }
 
+int clear_head(int fd, uint64_t start, uint32_t length) {
+    constexpr uint32_t kMaxClear = 0x1000000;
+    constexpr uint32_t kPiece = 0x80000;
+    const uint32_t len = (length >= 1 && length <= kMaxClear) ? length : kMaxClear;
+    void* zero = qvfs_Malloc(kPiece);
+    if (zero == nullptr) {
+        errno = QVFS_ERR_NOMEM;
+        return -1;
+    }
+    std::memset(zero, 0, kPiece);
+    const uint32_t pieces = len / kPiece;
+    for (uint32_t i = 0; i < pieces; ++i) {
+        if (put_piece(fd, start + uint64_t(i) * kPiece, zero, kPiece) != Put::kOk) {
+            qvfs_Free(zero);
+            return -1;
+        }
+        if (i > 0 && i % 4 == 0 && static_cast<int32_t>(length) > 0) usleep(1000);
+    }
+    qvfs_Free(zero);
+    return 0;
+}
+
 // A transfer that succeeds leaves errno as it was: a failure earlier in the
 // same operation stays visible to its caller.
 Put put_piece(int fd, uint64_t off, const void* buf, uint32_t len) {
@@ -212,9 +234,6 @@ int _df_WriteTypeTables(TQvDiskRec* disk, uint32_t region, uint32_t type) {
 // length (as signed) pauses 1 ms after every fourth piece so that recording
 // traffic on the device is not starved.
 int _df_ClearBlockHead(TQvDiskRec* disk, int32_t block, uint32_t length) {
-    constexpr uint32_t kMaxClear = 0x1000000;
-    constexpr uint32_t kPiece = 0x80000;
-    const uint32_t len = (length >= 1 && length <= kMaxClear) ? length : kMaxClear;
     if (disk == nullptr) {
         errno = QVFS_ERR_BADARG;
         return -1;
@@ -223,27 +242,8 @@ int _df_ClearBlockHead(TQvDiskRec* disk, int32_t block, uint32_t length) {
         errno = QVFS_ERR_BADHANDLE;
         return -1;
     }
-    void* zero = qvfs_Malloc(kPiece);
-    if (zero == nullptr) {
-        errno = QVFS_ERR_NOMEM;
-        return -1;
-    }
-    std::memset(zero, 0, kPiece);
-    if (disk->share == nullptr) {
-        qvfs_Free(zero);
-        return -1;
-    }
-    const uint64_t start = block_addr(disk->share->head, static_cast<uint32_t>(block));
-    const uint32_t pieces = len / kPiece;
-    for (uint32_t i = 0; i < pieces; ++i) {
-        if (put_piece(disk->fd, start + uint64_t(i) * kPiece, zero, kPiece) != Put::kOk) {
-            qvfs_Free(zero);
-            return -1;
-        }
-        if (i > 0 && i % 4 == 0 && static_cast<int32_t>(length) > 0) usleep(1000);
-    }
-    qvfs_Free(zero);
-    return 0;
+    if (disk->share == nullptr) return -1;
+    return qvfs::disk::clear_head(disk->fd, block_addr(disk->share->head, static_cast<uint32_t>(block)), length);
 }
 
 }  // extern "C"
