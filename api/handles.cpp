@@ -262,7 +262,10 @@ int qvfs_fsync(int handle) {
         why(QVFS_WHY_NOT_WRITABLE);
         return -1;
     }
-    return tf_SyncFile(h->file);
+    // Returns once the file's bytes and its entry are durable on the device;
+    // a close stays cheap (it stores the entry and leaves the flush to the
+    // flush pass).
+    return qvfs::file::sync_durable(h->file);
 }
 
 int qvfs_ftruncate(int handle, int64_t length) {

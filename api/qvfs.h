@@ -177,9 +177,12 @@ QVFS_API int64_t qvfs_Seek(int handle, int64_t offset, int whence);
 QVFS_API int64_t qvfs_Tell(int handle);
 /* 1 when the position is at or beyond the file's end, 0 before it, -1. */
 QVFS_API int qvfs_Eof(int handle);
-/* Stores the file's description (length, end time) in its block; the data
- * itself goes to the device at every write. 0, or -1 (errno untouched for a
- * handle opened read-only). */
+/* Returns once the file's bytes and its description (length, end time) are
+ * durable on the device: they survive a power cut. 0, or -1 (errno
+ * untouched for a handle opened read-only; QVFS_ERR_SYS + errno when the
+ * device could not be flushed). Without it, written bytes are durable and
+ * covered by the file's length on the device within two flush periods (see
+ * the README); every process reads them at once either way. */
 QVFS_API int qvfs_fsync(int handle);
 /* Sets the file's length: the main data grows or shrinks; the pre-record
  * part cannot be cut. 0, or -1 (errno untouched for a handle opened without
@@ -196,9 +199,10 @@ QVFS_API int qvfs_ftruncate(int handle, int64_t length);
  * resSize). 0, or -1: QVFS_ERR_BADARG, with nothing changed, for a file
  * without a reserved area or an offset outside it. */
 QVFS_API int qvfs_UpdataePreRecPtr(int handle, int32_t preStart, int32_t preEnd);
-/* Syncs (when writable) and closes the handle. 0, also for a handle that is
- * not open (a negative one leaves errno QVFS_ERR_BADHANDLE); -1 only before
- * qvfs_Init. */
+/* Stores the file's description in its block (when writable) and closes the
+ * handle; durability comes with the next flush (qvfs_fsync waits for it).
+ * 0, also for a handle that is not open (a negative one leaves errno
+ * QVFS_ERR_BADHANDLE); -1 only before qvfs_Init. */
 QVFS_API int qvfs_Close(int handle);
 /* Debug dump of the handle table followed by the layers' dumps (files,
  * blocks, disks), tab-separated, into buf. The text length; 0 for a null
@@ -296,9 +300,10 @@ QVFS_API int qvfs_FormatMini(const char* path, uint64_t size);
  * as bad. */
 QVFS_API int qvfs_Mount(const char* path);
 /* Ends this process's use of the disk; the disk stays usable by the other
- * processes that mounted it. */
+ * processes that mounted it. Returns once everything written to the disk
+ * (by any process) and the files' descriptions are durable on the device. */
 QVFS_API int qvfs_UnMount(const char* path);
-/* Unmounts the disk for every process at once. */
+/* Unmounts the disk for every process at once, durably as qvfs_UnMount. */
 QVFS_API int qvfs_UnMount_V2(const char* path);
 /* Fills a TQvStatfs (out): sizes in 512-byte units, the number of bad
  * blocks in f_spare[0]. -1 with errno untouched when the disk is not ready. */

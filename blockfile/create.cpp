@@ -100,6 +100,9 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     // after this create, and a reserved area must fit behind `next`; the
     // disk layer only hands out blocks with room, but it judges by the
     // disk's header, which may lag behind the shared copy.
+    // Growing writes of the block's files claim their space before the
+    // header's `next` follows them.
+    if (hd.cnt != 0) raise_to_claims(rec);
     const uint32_t len = hd.cnt == 0 ? static_cast<uint32_t>(selfInfo) : hd.Len;
     const uint64_t start = hd.cnt == 0 ? len : hd.next;
     if (uint64_t(hd.slice) + 1 >= len / kSector ||
@@ -130,9 +133,13 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
         errno = saved;
     }
 
+    // Read without the record lock by the growth limit of the block's files:
+    // published before the claims are read again, so that a write of an
+    // older file either claimed its space by now or sees this file and
+    // stops at its own end (reserve_space).
+    __atomic_store_n(&hd.slice, hd.slice + 1, __ATOMIC_SEQ_CST);
+    if (hd.cnt != 0) raise_to_claims(rec);
     hd.cnt += 1;
-    // Read without the record lock by the growth limit of the block's files.
-    __atomic_store_n(&hd.slice, hd.slice + 1, __ATOMIC_RELAXED);
     hd.chn = req->chn;
     hd.dataType = blkType;
     if (hd.cnt == 1) {
@@ -143,11 +150,21 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
         hd.addr = kAddrMark;
         hd.flg = 1;
         hd.next = hd.Len;
+        clear_claims(rec);
         hd.lock = kLockZero;
         hd.recType = kRecTypeZero;
     }
     if (slice->recType - 1 >= 2) _bf_BlockOpt(h, 1, 1);
 
+    if (reserves && hd.next + uint64_t(req->resSize) > df_GetDiskUnitSize()) {
+        // A claim made between the room test and the publication of the
+        // slice number left no room for the area (rare); the number stays
+        // used, as after a failed write below.
+        errno = QVFS_ERR_BADHANDLE;
+        blockLock.unlock();
+        _bf_PutBlock(h);
+        return nullptr;
+    }
     if (reserves) {
         // The whole reserved area belongs to the file from now on: `next`
         // moves past it at once, so no later file of the block starts inside

@@ -20,7 +20,10 @@ int release_block(TQvBlkShare* rec, uint32_t chn) {
     // The disk layer zeroed the block's self-info area; the shared copy
     // follows, so that a holder that creates the block's next file starts
     // again at slice 1 and no stale entry number leads into the zeroed front.
-    if (r == 0) std::memset(&hd, 0, sizeof hd);
+    if (r == 0) {
+        std::memset(&hd, 0, sizeof hd);
+        clear_claims(rec);
+    }
     return r;
 }
 

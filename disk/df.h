@@ -9,6 +9,7 @@
 
 #include "disk/df_format.h"
 #include "fsc.h"
+#include "state.h"
 
 extern "C" {
 
@@ -123,6 +124,38 @@ inline bool is_ready(const TQvDiskRec& d) {
     return d.share != nullptr && d.share->mounted != 0 && d.share->stat != 1;
 }
 
+// The process's attachment of a disk's image, stored and read whole so that
+// the readiness test of a transfer needs no lock.
+inline void set_share(TQvDiskRec& d, TQvDiskShare* image) { __atomic_store_n(&d.share, image, __ATOMIC_RELEASE); }
+
+// The same test without the disk's lock, for transfers: the three words are
+// aligned and each is written whole, so the answer is one that held at some
+// moment during the call (a mount or unmount racing with a transfer may go
+// either way, as it may with the lock).
+inline bool ready(uint32_t disk) {
+    const TQvDiskShare* s = __atomic_load_n(&rec(disk).share, __ATOMIC_ACQUIRE);
+    return s != nullptr && __atomic_load_n(&s->mounted, __ATOMIC_RELAXED) != 0 &&
+           __atomic_load_n(&s->stat, __ATOMIC_RELAXED) != 1;
+}
+
+// The answers of the presence request kept in a disk's state.
+inline constexpr uint32_t kPresenceUnknown = 0, kPresent = 1, kGone = 2;
+
+// Whether the device behind fd (a descriptor of a disk opened through the
+// platform) counts as present for a transfer: always with the online check
+// switched off; otherwise the answer the flush pass keeps, or the device's
+// own answer while none is kept or while faults are armed. Leaves errno.
+bool device_online(int fd);
+// Asks the presence request of the disk's device through fd and keeps the
+// answer (the flush pass, once per pass).
+void refresh_presence(uint32_t disk, int fd);
+
+// Zeroes `length` bytes of a block head at device offset `start` through fd
+// as _df_ClearBlockHead does; takes no lock (the allocation and release of
+// a block call it with the disk's lock released, on a descriptor of their
+// own, the block being theirs meanwhile). 0 or -1 as put_piece leaves it.
+int clear_head(int fd, uint64_t start, uint32_t length);
+
 // Attaches (or creates) the image of disk `index` and stores it in d.share.
 // Returns the image or null with errno from the pool.
 TQvDiskShare* attach_image(TQvDiskRec& d, uint32_t index);
@@ -187,5 +220,44 @@ void start_flush_thread();
 // Number of descriptor flushes the flush thread of this process has made
 // for a disk since the process started. For tests and diagnosis.
 long flush_count(uint32_t disk);
+
+// Monotonic milliseconds (one clock for all processes of the machine).
+int64_t now_ms();
+
+// The flush cadence: a flush pass looks at the disks every kFlushTick ms; a
+// disk whose sync mark is set is flushed as soon as kFlushSpacing ms have
+// passed since its last flush by any process, so a mark is served within
+// kFlushSpacing + kFlushTick ms and a device sees at most one fdatasync per
+// kFlushSpacing ms from the passes.
+inline constexpr int64_t kFlushTick = 100;
+inline constexpr int64_t kFlushSpacing = 800;
+
+// The upper layers' part of a flush pass. Calls go only downwards, so the
+// disk layer cannot call the layers that keep file lengths; the file layer
+// registers this one function at its start instead (set_flush_hook). A pass
+// of disk `disk` calls it twice with a descriptor of the disk's device:
+// phase kBeforeFlush, before the pass's fdatasync (it takes each pending
+// file's length as a candidate and writes the block headers that must cover
+// it), and phase kAfterFlush, after it (it writes the entries that carry
+// the candidates, whose data the fdatasync made durable). The hook runs with
+// g_tTimerMutex held and no disk lock; it may take per-file and block locks
+// (which come after g_tTimerMutex in the lock order) and returns the number
+// of sectors it wrote.
+inline constexpr int kBeforeFlush = 0, kAfterFlush = 1;
+using FlushHook = unsigned (*)(uint32_t disk, int fd, int phase);
+void set_flush_hook(FlushHook hook);
+
+// fdatasync of a disk's device through fd (any descriptor of it), counted as
+// the disk's flush (its last-flush time moves). 0 or -1 with errno.
+int flush_device(uint32_t disk, int fd);
+
+// Makes everything written to the disk so far durable, entries included:
+// a pass of the disk now, with a second fdatasync after the entries the
+// hook wrote. Takes g_tTimerMutex, then the disk's lock; the caller holds
+// no lock of the library. 0, or -1 when the process has no descriptor of
+// the disk or a flush failed.
+int flush_disk_now(uint32_t disk);
+// The same with g_tTimerMutex already held by the caller.
+int flush_disk_now_locked(uint32_t disk);
 
 }  // namespace qvfs::disk

@@ -172,7 +172,7 @@ int df_Init(void) {
         d.fd = -1;
         d.index = -1;
         d.syncMark = 0;
-        d.share = nullptr;
+        set_share(d, nullptr);
         d.lock = fsc_ProcLockInit(fsc_GetShmKey(2048 + static_cast<int>(i)));
         if (d.lock < 0) ++failures;
     }
@@ -215,7 +215,7 @@ int _df_LoadDisk(TQvDiskRec* disk) {
         // process's device must still hold the disk it describes.
         return head_fits(d.share->head, d.fd) ? 0 : -1;
     }();
-    if (result != 0) d.share = nullptr;
+    if (result != 0) set_share(d, nullptr);
     return result;
 }
 
@@ -278,6 +278,10 @@ int df_DiskMount(const char* path) {
     // once however often it calls this.
     if (openedHere) ++d.share->mounted;
     d.share->stat = 0;
+    // The device may be another one than at the last mount: its presence
+    // is asked afresh.
+    if (TQvDiskState* st = qvfs::disk_state(static_cast<uint32_t>(d.index)))
+        __atomic_store_n(&st->presence, kPresenceUnknown, __ATOMIC_RELAXED);
     return 0;
 }
 
@@ -285,6 +289,11 @@ int df_DiskUnmout(const char* path, uint32_t mode) {
     TQvDiskRec* disk = rec_of_path(path);
     if (disk == nullptr) return -1;
     TQvDiskRec& d = *disk;
+    // What was written is made durable, entries included, before the
+    // descriptor goes; g_tTimerMutex keeps a flush pass off the descriptor
+    // until it is closed.
+    qvfs::ProcLockGuard timer(g_tTimerMutex);
+    flush_disk_now_locked(static_cast<uint32_t>(disk - g_astQvDisk));
     qvfs::ProcLockGuard lock(d.lock);
     if (d.share != nullptr && d.fd >= 0) {
         qvfs::plat::close_fd(d.fd);

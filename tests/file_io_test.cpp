@@ -106,8 +106,10 @@ protected:
         EXPECT_EQ(0, tf_GetFileStat(&st, h));
         return st.st.st_size;
     }
-    // Whether the slice entry on disk is the record's copy, byte for byte.
+    // Whether the slice entry on disk is the record's copy, byte for byte,
+    // once a flush pass wrote what growing writes left for it.
     bool synced(const Created& f) const {
+        qvfs::disk::flush_disk_now(0);
         const TQvBlkSliceInfo d = entry_on_disk(f.name);
         return std::memcmp(&d, &f.h->rec->slice, sizeof d) == 0;
     }
