@@ -49,6 +49,23 @@ constexpr CodeText kTexts[] = {
     {QVFS_ERR_NOTBAD, "the block is not marked bad"},
     {QVFS_ERR_FMT_TOOSMALL, "format: device or size too small to hold a block (a disk needs at least 3089 MiB)"},
     {QVFS_ERR_NOTINIT, "the library is not initialised"},
+    {QVFS_WHY_NOT_INIT, "qvfs_Init has not run in this process"},
+    {QVFS_WHY_NOT_MOUNTED, "the disk is not mounted"},
+    {QVFS_WHY_DISK_FULL, "the disk is full: no free block for the channel"},
+    {QVFS_WHY_CHANNEL, "channel number out of range (0 to 1023)"},
+    {QVFS_WHY_HANDLES_FULL, "all handles of this process are open"},
+    {QVFS_WHY_FILES_FULL, "all 1024 shared file records are in use"},
+    {QVFS_WHY_NO_SUCH_FILE, "no such file"},
+    {QVFS_WHY_BAD_NAME, "not a qvfs file name"},
+    {QVFS_WHY_FILE_OPEN, "the file is open"},
+    {QVFS_WHY_BAD_HANDLE, "the handle is not open"},
+    {QVFS_WHY_NOT_WRITABLE, "the handle was opened read-only"},
+    {QVFS_WHY_NOT_READABLE, "the handle was opened write-only"},
+    {QVFS_WHY_BAD_EXTENSION, "bad extension: 1 to 7 printable characters, no '/'"},
+    {QVFS_WHY_BAD_RESERVE, "bad pre-record size: negative or larger than a block"},
+    {QVFS_WHY_BLOCK_FULL, "the file's block has no room for these bytes: go on in a new file"},
+    {QVFS_WHY_DAMAGED, "the file's entry or the disk's metadata is damaged"},
+    {QVFS_WHY_IO, "the device failed; the block is marked bad"},
 };
 
 // The message of a system code, in a buffer of the calling thread. The

@@ -24,6 +24,7 @@
 
 #include "api/qvfs.h"
 #include "file/tf.h"
+#include "reason.h"
 
 namespace qvfs::api {
 
@@ -68,9 +69,15 @@ extern std::atomic<int32_t> g_initialised;
 extern pthread_mutex_t g_tQvFsMutex;
 
 // True when the library is initialised; otherwise errno -1010.
+// Every public call that tests it starts here, so the thread's reason note
+// is cleared here too: it then tells about this call only.
 inline bool initialised() {
-    if (g_initialised.load(std::memory_order_acquire) == 1) return true;
+    if (g_initialised.load(std::memory_order_acquire) == 1) {
+        why_clear();
+        return true;
+    }
     errno = QVFS_ERR_NOTINIT;
+    why(QVFS_WHY_NOT_INIT);
     return false;
 }
 

@@ -39,6 +39,7 @@ void reset_table() {
 }
 
 TQvfsHandle* lookup(int handle) {
+    why(QVFS_WHY_BAD_HANDLE);
     if (handle < 0) {
         errno = QVFS_ERR_BADHANDLE;
         return nullptr;
@@ -50,6 +51,7 @@ TQvfsHandle* lookup(int handle) {
     // A stale value names a slot that is empty or was reused by a later
     // open with another generation.
     if (h == nullptr || h->fd != handle) return nullptr;
+    why_clear();
     return h;
 }
 
@@ -61,6 +63,7 @@ TQvfsHandle* open_handle(const TQvfsOpenParam* param, char* path, int flags) {
         while (slot < kSlots && g_slots[slot] != nullptr) ++slot;
         if (slot == kSlots) {
             errno = QVFS_ERR_BADARG;
+            why(QVFS_WHY_HANDLES_FULL);
             return nullptr;
         }
         h = static_cast<TQvfsHandle*>(qvfs_Malloc(sizeof(TQvfsHandle)));
@@ -83,6 +86,9 @@ TQvfsHandle* open_handle(const TQvfsOpenParam* param, char* path, int flags) {
     if (file == nullptr) {
         release_handle(h);
         errno = QVFS_ERR_BADARG;
+        // A name the layers could not place (a block beyond the disk, say)
+        // names no file either.
+        if (param == nullptr) why_if_none(QVFS_WHY_NO_SUCH_FILE);
         return nullptr;
     }
     return h;
@@ -126,10 +132,14 @@ int transfer(int handle, int32_t access, Transfer&& fn) {
     TQvfsHandle* h = lookup(handle);
     if (h == nullptr) return -1;
     MutexGuard own(h->lock);
-    if ((h->rwflag & access) == 0) return -1;
+    if ((h->rwflag & access) == 0) {
+        why(access == kCanWrite ? QVFS_WHY_NOT_WRITABLE : QVFS_WHY_NOT_READABLE);
+        return -1;
+    }
     // File positions are 32-bit in the file layer: a file lies in one block.
     const int n = fn(static_cast<uint32_t>(h->offset), h->file);
     if (n >= 0) h->offset += n;
+    else if (errno == QVFS_ERR_BLOCKRANGE) why_if_none(QVFS_WHY_BLOCK_FULL);
     h->errNo = tf_GetErrorNo(h->file);
     return n;
 }
@@ -147,6 +157,8 @@ int64_t file_size(TQvFileHandle* file) {
 
 using namespace qvfs::api;
 using qvfs::MutexGuard;
+using qvfs::why;
+using qvfs::why_clear;
 
 extern "C" {
 
@@ -246,8 +258,14 @@ int qvfs_fsync(int handle) {
     TQvfsHandle* h = lookup(handle);
     if (h == nullptr) return -1;
     MutexGuard own(h->lock);
-    if ((h->rwflag & kCanWrite) == 0) return -1;
-    return tf_SyncFile(h->file);
+    if ((h->rwflag & kCanWrite) == 0) {
+        why(QVFS_WHY_NOT_WRITABLE);
+        return -1;
+    }
+    // Returns once the file's bytes and its entry are durable on the device;
+    // a close stays cheap (it stores the entry and leaves the flush to the
+    // flush pass).
+    return qvfs::file::sync_durable(h->file);
 }
 
 int qvfs_ftruncate(int handle, int64_t length) {
@@ -255,7 +273,10 @@ int qvfs_ftruncate(int handle, int64_t length) {
     TQvfsHandle* h = lookup(handle);
     if (h == nullptr) return -1;
     MutexGuard own(h->lock);
-    if ((h->rwflag & kCanWrite) == 0) return -1;  // changes the file: needs the write access
+    if ((h->rwflag & kCanWrite) == 0) {  // changes the file: needs the write access
+        why(QVFS_WHY_NOT_WRITABLE);
+        return -1;
+    }
     return tf_ftruncate(h->file, static_cast<uint64_t>(length));
 }
 
@@ -271,7 +292,10 @@ int qvfs_UpdataePreRecPtr(int handle, int32_t preStart, int32_t preEnd) {
 int qvfs_Close(int handle) {
     if (!initialised()) return -1;
     TQvfsHandle* h = lookup(handle);
-    if (h == nullptr) return 0;
+    if (h == nullptr) {
+        why_clear();  // closing what is not open is no failure
+        return 0;
+    }
     {
         MutexGuard own(h->lock);
         if (h->rwflag & kCanWrite) tf_SyncFile(h->file);

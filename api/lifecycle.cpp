@@ -93,6 +93,10 @@ int qvfs_SetOpt(uint64_t options) {
 
 int qvfs_SetMainTask(void) { return tc_SetMainTask(); }
 
+const char* qvfs_Version(void) { return QVFS_VERSION_TEXT; }
+
+int qvfs_LastReason(void) { return qvfs::t_reason; }
+
 int qvfs_error(int handle) {
     if (!initialised()) return -1;
     TQvfsHandle* h = lookup(handle);

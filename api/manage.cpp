@@ -78,6 +78,12 @@ int qvfs_GetBlockInfo(const char* path, TQvDiskBlkInfo* out, int count) {
     return df_GetBlockInfo(path, out, count);
 }
 
+int qvfs_FindBlocks(const char* path, uint32_t chn, uint32_t blkType, int64_t from, int64_t to,
+                    TQvDiskBlkInfo* out, int max) {
+    if (!initialised()) return -1;
+    return df_FindBlocks(path, chn, blkType, from, to, out, max);
+}
+
 int qvfs_GetUsedInBlockId(const char* path, uint32_t channel, uint32_t dataType) {
     if (!initialised()) return -1;
     if (path == nullptr) return -1;

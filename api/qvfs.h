@@ -19,6 +19,19 @@
  * file opened by name in one process may be written by another at the same
  * time (live playback while recording).
  *
+ * Lifecycle. qvfs_Init starts the library in a process; a second call there
+ * changes nothing and keeps the handles. A process closes its handles and
+ * unmounts its disks (qvfs_UnMount: this process only) before it exits, or
+ * calls qvfs_DeInit, which closes them all. A process that dies without
+ * doing so loses nothing its returned writes acknowledged (the file entries
+ * on the device carry it), and the file records it held are given back by
+ * the task check of the processes that remain (qvfs_SetMainTask). The flush
+ * thread brings written data to the device in the background.
+ *
+ * Why a call failed. errno holds a code of qvfs_types.h, shared by many
+ * causes; qvfs_LastReason names the one cause (disk full, not mounted,
+ * handle table full, no such file, ...) and qvfs_ErrorString words both.
+ *
  * The road of one recording:
  *   qvfs_Init(); qvfs_Mount("/dev/scsi/host00/part1");
  *   TQvfsOpenParam p = {0}; p.chn = 3; p.startTime = time(NULL); ...
@@ -50,8 +63,11 @@ QVFS_API int qvfs_GetTimeString(uint32_t seconds, char* buf, uint32_t size);
 
 /* ---- library lifecycle ---------------------------------------------------- */
 
-/* Build stamp of the library. */
+/* Build stamp kept for older applications; it does not change with the
+ * library. qvfs_Version gives the library's version ("major.minor.patch",
+ * the same as the shared object's). */
 extern QVFS_API const char* g_pcSvnVersion;
+QVFS_API const char* qvfs_Version(void);
 
 /* Starts the library in this process: makes the key directory "/dvr/qvfs"
  * when missing, clears the handle table, resets the allocator hooks, starts
@@ -91,6 +107,26 @@ QVFS_API int qvfs_SetMainTask(void);
 QVFS_API int qvfs_error(int handle);
 
 /* ---- handles and streams ---------------------------------------------------- */
+
+/* File types (TQvfsOpenParam.fileType). The type decides the block type of
+ * the block a file goes into; any other value records as QVFS_FILE_REC. */
+#define QVFS_FILE_REC 0    /* video recording */
+#define QVFS_FILE_PREREC 1 /* recording with a pre-record ring of resSize bytes */
+#define QVFS_FILE_KEEP 2   /* recording kept apart (BACK block, 'B' in its name, entry lock 2) */
+#define QVFS_FILE_IMG 3
+#define QVFS_FILE_BACK 4
+#define QVFS_FILE_PIC 5    /* pictures */
+#define QVFS_FILE_FPD 6
+#define QVFS_FILE_ITS 7
+
+/* Block types (a block's data type, QvfsBlockStat word 2, the dataType
+ * argument of the block queries), labelled as the tool prints them. */
+#define QVFS_BLK_REC 0  /* file types 0, 1 and any other value */
+#define QVFS_BLK_IMG 1  /* file type 3 */
+#define QVFS_BLK_BACK 2 /* file types 2 and 4 */
+#define QVFS_BLK_PIC 3  /* file type 5 */
+#define QVFS_BLK_FPD 4  /* file type 6 */
+#define QVFS_BLK_ITS 5  /* file type 7 */
 
 /* Open flags (the third argument of the open calls). */
 #define QVFS_O_RDONLY 0
@@ -141,9 +177,12 @@ QVFS_API int64_t qvfs_Seek(int handle, int64_t offset, int whence);
 QVFS_API int64_t qvfs_Tell(int handle);
 /* 1 when the position is at or beyond the file's end, 0 before it, -1. */
 QVFS_API int qvfs_Eof(int handle);
-/* Stores the file's description (length, end time) in its block; the data
- * itself goes to the device at every write. 0, or -1 (errno untouched for a
- * handle opened read-only). */
+/* Returns once the file's bytes and its description (length, end time) are
+ * durable on the device: they survive a power cut. 0, or -1 (errno
+ * untouched for a handle opened read-only; QVFS_ERR_SYS + errno when the
+ * device could not be flushed). Without it, written bytes are durable and
+ * covered by the file's length on the device within two flush periods (see
+ * the README); every process reads them at once either way. */
 QVFS_API int qvfs_fsync(int handle);
 /* Sets the file's length: the main data grows or shrinks; the pre-record
  * part cannot be cut. 0, or -1 (errno untouched for a handle opened without
@@ -160,9 +199,10 @@ QVFS_API int qvfs_ftruncate(int handle, int64_t length);
  * resSize). 0, or -1: QVFS_ERR_BADARG, with nothing changed, for a file
  * without a reserved area or an offset outside it. */
 QVFS_API int qvfs_UpdataePreRecPtr(int handle, int32_t preStart, int32_t preEnd);
-/* Syncs (when writable) and closes the handle. 0, also for a handle that is
- * not open (a negative one leaves errno QVFS_ERR_BADHANDLE); -1 only before
- * qvfs_Init. */
+/* Stores the file's description in its block (when writable) and closes the
+ * handle; durability comes with the next flush (qvfs_fsync waits for it).
+ * 0, also for a handle that is not open (a negative one leaves errno
+ * QVFS_ERR_BADHANDLE); -1 only before qvfs_Init. */
 QVFS_API int qvfs_Close(int handle);
 /* Debug dump of the handle table followed by the layers' dumps (files,
  * blocks, disks), tab-separated, into buf. The text length; 0 for a null
@@ -260,9 +300,10 @@ QVFS_API int qvfs_FormatMini(const char* path, uint64_t size);
  * as bad. */
 QVFS_API int qvfs_Mount(const char* path);
 /* Ends this process's use of the disk; the disk stays usable by the other
- * processes that mounted it. */
+ * processes that mounted it. Returns once everything written to the disk
+ * (by any process) and the files' descriptions are durable on the device. */
 QVFS_API int qvfs_UnMount(const char* path);
-/* Unmounts the disk for every process at once. */
+/* Unmounts the disk for every process at once, durably as qvfs_UnMount. */
 QVFS_API int qvfs_UnMount_V2(const char* path);
 /* Fills a TQvStatfs (out): sizes in 512-byte units, the number of bad
  * blocks in f_spare[0]. -1 with errno untouched when the disk is not ready. */
@@ -273,6 +314,22 @@ QVFS_API int qvfs_GetUsedBlockNum(const char* path);
 /* One TQvDiskBlkInfo per block in use among the first count blocks; the
  * number of records written. */
 QVFS_API int qvfs_GetBlockInfo(const char* path, TQvDiskBlkInfo* out, int count);
+/* The blocks holding a channel's recordings of one block type over a time
+ * range: the blocks in use of channel chn (or QVFS_ANY_CHANNEL) and block
+ * type blkType (a QVFS_BLK_* or QVFS_ANY_BLK_TYPE) that hold files and whose
+ * recorded time [startTime, max(startTime, endTime)] meets [from, to] (a
+ * block whose files hold no data yet, endTime 0, reaches on). The
+ * disk keeps an index of its blocks for this, shared by every process and
+ * current with every allocation and block-header write, so the cost grows
+ * with the answer, not with the disk: no block header is read. Returns how
+ * many blocks match, and writes the max earliest of them by start time
+ * (then block number) to out, in that order, as qvfs_GetBlockInfo would
+ * describe them (the times and file count of their headers). max 0 with a
+ * null out only counts. -1: QVFS_ERR_BADARG (null path, no disk, negative
+ * max, null out with max > 0, disk not mounted), QVFS_ERR_SYS + errno (the
+ * index cannot be made). */
+QVFS_API int qvfs_FindBlocks(const char* path, uint32_t chn, uint32_t blkType, int64_t from, int64_t to,
+                             TQvDiskBlkInfo* out, int max);
 /* The block a channel is currently filling with a file data type, or -1. */
 QVFS_API int qvfs_GetUsedInBlockId(const char* path, uint32_t channel, uint32_t dataType);
 /* Space a channel holds with a file data type, in MiB; -2 with errno
@@ -331,12 +388,20 @@ QVFS_API int qvfs_GetBlockStat(uint32_t disk, uint32_t blockId, QvfsBlockStat* o
 /* ---- error messages ------------------------------------------------------------ */
 
 /* Words for a code that a call left in errno, for messages to people: every
- * code of qvfs_types.h, QVFS_ERR_SYS + a system errno (the system's message),
+ * code and reason of qvfs_types.h, QVFS_ERR_SYS + a system errno (the system's message),
  * 2 * QVFS_ERR_SYS + errno (a format whose metadata writes failed), a bare
  * system errno, and "unknown error" for anything else. Never null. The text
  * is static or lives in a buffer of the calling thread that its next call
  * overwrites. Does not test the initialised flag; any thread may call. */
 QVFS_API const char* qvfs_ErrorString(int code);
+
+/* The cause of the calling thread's last failure, one of the QVFS_WHY_*
+ * reasons of qvfs_types.h (qvfs_ErrorString words it). Every call that tests
+ * the initialised flag clears it on entry, so it tells about the thread's
+ * last such call: QVFS_WHY_NONE after a success, or after a failure whose
+ * errno code says all that is known (a system error, say). Any thread may
+ * call; does not test the initialised flag. */
+QVFS_API int qvfs_LastReason(void);
 
 QVFS_EXTERN_C_END
 

@@ -8,8 +8,8 @@
 //   g_tBlkMutex      - operations that load a block by address or name:
 //                      create, open, delete by name, statistics;
 //   record lock      - one per block (TQvBlkRec::lock): the shared header
-//                      copy, the handle's errNo and every seek + transfer on
-//                      the handle's descriptor;
+//                      copy (data transfers are positioned and take no
+//                      lock; the handle's errNo is stored whole);
 //   g_tBlkFileMutex  - the block table, inRef, shrRef, owner slots of the
 //                      records and the release of a block at its last drop;
 //                      taken only inside _bf_GetBlock / _bf_PutBlock (and row
@@ -113,8 +113,8 @@ QVFS_API int _bf_BlockOpt(TQvBlkRec* handle, uint32_t op, int32_t value);
 
 // ---- block I/O ------------------------------------------------------------------
 // Offsets are bytes from the block's start. Transfers go straight between the
-// caller's memory and the device, under the record lock, and never leave the
-// block. Each records its outcome in the handle's errNo: 0, 5 (disk not ready
+// caller's memory and the device, one positioned system call each and no
+// lock, and never leave the block. Each records its outcome in the handle's errNo: 0, 5 (disk not ready
 // or offline, transfer failed on the device: the block is reported bad), 28
 // (a write ended in the block's last 4 MiB), or 3000 + EFAULT/EINVAL when the
 // caller's memory or vector could not be used: then -1 with the same code in
@@ -136,12 +136,13 @@ QVFS_API int bf_Write(uint32_t offset, const void* data, uint32_t length, TQvBlk
 QVFS_API int bf_Writev(uint32_t offset, const struct iovec* iov, int count, TQvBlkRec* handle);
 // Writes the entry back at sliceID * 512 and advances the header: `next` to
 // dataEnd rounded up to 4 KiB and `endTime` to the entry's, writing the
-// header only when one of them moved. Sets the sync mark. 0 or -1: 1001 null
+// header only when one of them moved. Sets the sync mark.
+// Takes the record lock. 0 or -1: 1001 null
 // argument, 1002 sliceID outside the directory, 3000 + errno on a failed
 // write (block reported bad). The shared copy keeps an advance whose header
 // write failed.
 QVFS_API int bf_Sync(const TQvBlkSliceInfo* slice, TQvBlkRec* handle);
-// The handle's errNo; 0 with 1001 for null. Takes the record lock.
+// The handle's errNo; 0 with 1001 for null. Takes no lock.
 QVFS_API int bf_GetErrorNo(TQvBlkRec* handle);
 
 // ---- deletion and statistics ----------------------------------------------------
@@ -227,17 +228,55 @@ uint64_t file_length(const TQvBlkSliceInfo& e);
 // without the record lock: it only rises while the block holds files.
 uint64_t growth_limit(const TQvBlkRec* h, const TQvBlkSliceInfo& e, uint64_t unitSize);
 
+// Space claims of growing writes. The header's `next` reaches the shared
+// copy and the device only with the flush pass, so a write that will move a
+// file's data end to `end` claims the space first (reserve_space: the
+// block's claim rises to `end` rounded up to 4 KiB, atomically, no lock) and
+// only then checks growth_limit; a file created in the block starts beyond
+// every claim made before its slice number was published
+// (raise_to_claims, under the record lock). Either the creator sees the
+// claim or the writer sees the newer file and refuses: the two never
+// overlap. Claims follow the same region rule as the header's advance.
+void reserve_space(const TQvBlkRec* h, const TQvBlkSliceInfo& e, uint64_t end, uint64_t unitSize);
+// Raises the shared header's `next` to the block's claims. Caller holds the
+// record lock.
+void raise_to_claims(TQvBlkShare* rec);
+// Drops the block's claims (a header that starts afresh). Caller holds the
+// record lock.
+void clear_claims(const TQvBlkShare* rec);
+
 // Whether an entry read from disk describes regions that lie in the block's
 // data area [dataArea, unitSize) in one of the shapes above, so that every
 // address the file layer computes from it stays there.
 bool entry_regions_valid(const TQvBlkSliceInfo& e, uint64_t dataArea, uint64_t unitSize);
 
-// Seeks to target, tests that the device is online and writes one 512-byte
-// sector: 0, or -1 (offline: errno untouched; failed or short write: errno +
-// 3000 and the block reported bad). The sector writers add the disk-ready
-// test; callers that made it already under the record lock use this.
-int put_sector(const void* sector, int fd, uint32_t disk, int32_t block, uint64_t target,
-               uint32_t blkType);
+// Tests that the device is online (the answer the flush pass keeps) and
+// writes one 512-byte sector at target: 0, or -1 (offline: errno untouched;
+// failed or short write: errno + 3000 and the block reported bad). The
+// sector writers add the disk-ready test; callers that made it already use
+// this. fd is any descriptor of the disk's device.
+int put_sector(const void* sector, int fd, uint32_t disk, int32_t block, uint64_t target);
+// put_sector of a block header at the block's address; the disk's block
+// index takes the header's new times and count when the write succeeded.
+int put_head(const TQvBlkInfo& hd, int fd, uint32_t disk, int32_t block, uint64_t blkAddr);
+
+// Advances a block header by a slice entry that the block's space and time
+// range must cover: `next` to the entry's dataEnd rounded up to 4 KiB and
+// `endTime` to the entry's, for an entry whose regions are consistent (no
+// reserved area, or a complete one inside the block). True when a field
+// moved (the header must then be written). Caller holds the record lock.
+bool advance_header(TQvBlkInfo& hd, const TQvBlkSliceInfo& s, uint64_t unitSize);
+
+// Advances the header of the block whose shared record has share index
+// `shareIndex` (lock id `lockId`) by an entry and writes it through fd when
+// it moved, also from a process that does not have the block loaded. The
+// record must still be that of {disk, block}; otherwise nothing is done.
+// Takes the record lock. 0, or -1 (record gone, header write failed).
+int push_header(uint32_t shareIndex, int lockId, uint32_t disk, uint32_t block, const TQvBlkSliceInfo& s,
+                int fd);
+
+// fdatasync of the disk's device through the handle's descriptor. 0 or -1.
+int flush_block_device(TQvBlkRec* h);
 
 // Whether slice number k names a directory entry of the header: 1 <= k and
 // k * 512 < Len. A header with Len 0 has none.

@@ -219,7 +219,7 @@ static_assert(sizeof(TQvBlkShare) % alignof(TQvBlkShare) == 0 && 0x51000 % align
 // process's block table while inRef > 0.
 struct TQvBlkRec {
     int32_t fd;          // this handle's descriptor of the disk's device; -1 after close
-    int32_t errNo;       // outcome of the last transfer: 0, 5, 28 or 3000 + a caller fault (record lock)
+    int32_t errNo;       // outcome of the last transfer: 0, 5, 28 or 3000 + a caller fault (stored whole, no lock)
     uint32_t blkIdx;     // slot in the process's block table
     int32_t inRef;       // users inside this process (under g_tBlkFileMutex)
     TQvBlkShare* share;  // this process's attachment of the shared record

@@ -8,6 +8,7 @@
 #include "blockfile/bf.h"
 #include "platform.h"
 #include "proc_lock.h"
+#include "reason.h"
 
 namespace qvfs::bf {
 
@@ -74,9 +75,14 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     // would make a name no call can give back, and a reserved area that is
     // negative or larger than a block's data area.
     const bool reserves = req->fileType == 1 && req->resSize != 0;
-    if (!extension_acceptable(req->ext) ||
-        (reserves && (req->resSize < 0 || uint64_t(req->resSize) > span(selfInfo, df_GetDiskUnitSize())))) {
+    if (!extension_acceptable(req->ext)) {
         errno = QVFS_ERR_BADARG;
+        why(QVFS_WHY_BAD_EXTENSION);
+        return nullptr;
+    }
+    if (reserves && (req->resSize < 0 || uint64_t(req->resSize) > span(selfInfo, df_GetDiskUnitSize()))) {
+        errno = QVFS_ERR_BADARG;
+        why(QVFS_WHY_BAD_RESERVE);
         return nullptr;
     }
     ProcLockGuard blkMutex(g_tBlkMutex);
@@ -94,6 +100,9 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
     // after this create, and a reserved area must fit behind `next`; the
     // disk layer only hands out blocks with room, but it judges by the
     // disk's header, which may lag behind the shared copy.
+    // Growing writes of the block's files claim their space before the
+    // header's `next` follows them.
+    if (hd.cnt != 0) raise_to_claims(rec);
     const uint32_t len = hd.cnt == 0 ? static_cast<uint32_t>(selfInfo) : hd.Len;
     const uint64_t start = hd.cnt == 0 ? len : hd.next;
     if (uint64_t(hd.slice) + 1 >= len / kSector ||
@@ -124,9 +133,13 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
         errno = saved;
     }
 
+    // Read without the record lock by the growth limit of the block's files:
+    // published before the claims are read again, so that a write of an
+    // older file either claimed its space by now or sees this file and
+    // stops at its own end (reserve_space).
+    __atomic_store_n(&hd.slice, hd.slice + 1, __ATOMIC_SEQ_CST);
+    if (hd.cnt != 0) raise_to_claims(rec);
     hd.cnt += 1;
-    // Read without the record lock by the growth limit of the block's files.
-    __atomic_store_n(&hd.slice, hd.slice + 1, __ATOMIC_RELAXED);
     hd.chn = req->chn;
     hd.dataType = blkType;
     if (hd.cnt == 1) {
@@ -137,11 +150,21 @@ QVFS_API TQvBlkRec* bf_CreateFile(const TQvfsOpenParam* req, char* name, TQvBlkS
         hd.addr = kAddrMark;
         hd.flg = 1;
         hd.next = hd.Len;
+        clear_claims(rec);
         hd.lock = kLockZero;
         hd.recType = kRecTypeZero;
     }
     if (slice->recType - 1 >= 2) _bf_BlockOpt(h, 1, 1);
 
+    if (reserves && hd.next + uint64_t(req->resSize) > df_GetDiskUnitSize()) {
+        // A claim made between the room test and the publication of the
+        // slice number left no room for the area (rare); the number stays
+        // used, as after a failed write below.
+        errno = QVFS_ERR_BADHANDLE;
+        blockLock.unlock();
+        _bf_PutBlock(h);
+        return nullptr;
+    }
     if (reserves) {
         // The whole reserved area belongs to the file from now on: `next`
         // moves past it at once, so no later file of the block starts inside
@@ -181,7 +204,10 @@ QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice) {
     }
     ProcLockGuard blkMutex(g_tBlkMutex);
     uint32_t pair[2];
-    if (_bf_ParseFileName(name, pair) != 0) return nullptr;
+    if (_bf_ParseFileName(name, pair) != 0) {
+        why(QVFS_WHY_BAD_NAME);
+        return nullptr;
+    }
     TQvBlkId id{pair[0], static_cast<int32_t>(pair[1])};
     TQvBlkRec* h = _bf_GetBlock(&id);
     if (h == nullptr) return nullptr;
@@ -189,6 +215,7 @@ QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice) {
     ProcLockGuard blockLock(h->lock);
     TQvBlkShare* rec = h->share;
     uint32_t k = 0;
+    why(QVFS_WHY_NO_SUCH_FILE);  // until the entry is found and matches
     TQvBlkSliceInfo entry;
     std::memset(&entry, 0, sizeof entry);  // a short read leaves zeros, never stale bytes
     // A free block holds no file, whatever its front still shows.
@@ -212,9 +239,11 @@ QVFS_API TQvBlkRec* bf_OpenFile(const char* name, TQvBlkSliceInfo* slice) {
         // Every position of the file is computed from these regions: a
         // damaged entry is never handed up.
         errno = QVFS_ERR_DAMAGED;
+        why(QVFS_WHY_DAMAGED);
         ok = false;
     }
     if (ok) {
+        why_clear();
         entry.sliceID = k;
         std::memcpy(slice, &entry, sizeof entry);
         return h;

@@ -12,8 +12,9 @@ namespace {
 
 int write_sector(const void* sector, int fd, uint32_t disk, int32_t block, uint64_t target,
                  uint32_t blkType) {
-    if (df_IsDiskReady(disk) != 0) return -1;
-    return qvfs::bf::put_sector(sector, fd, disk, block, target, blkType);
+    if (disk >= QVFS_MAX_DISKS || !qvfs::disk::ready(disk)) return -1;
+    (void)blkType;  // the transfer is not counted by category
+    return qvfs::bf::put_sector(sector, fd, disk, block, target);
 }
 
 // Local-time text of a 64-bit time ("%F_%T"); empty when the value does not
@@ -35,19 +36,19 @@ namespace qvfs::bf {
 // The writers always put whole sectors from the copy in memory: there is no
 // read-modify-write, so a torn header can only come from the device, never
 // from this layer.
-int put_sector(const void* sector, int fd, uint32_t disk, int32_t block, uint64_t target,
-               uint32_t blkType) {
-    if (plat::seek(fd, target) < 0) {
-        errno += QVFS_ERR_SYS;
-        return -1;
-    }
-    if (!df_IsDiskOnline(fd)) return -1;
+int put_sector(const void* sector, int fd, uint32_t disk, int32_t block, uint64_t target) {
+    if (!disk::device_online(fd)) return -1;
     errno = 0;
-    int n = TCT_Write(fd, sector, kSector, counttest_BlkType2CountTestType(static_cast<int>(blkType)));
-    if (n == static_cast<int>(kSector)) return 0;
+    if (plat::pwrite(fd, sector, kSector, target) == static_cast<ssize_t>(kSector)) return 0;
     errno += QVFS_ERR_SYS;
     df_TagBadBlock(disk, block);
     return -1;
+}
+
+int put_head(const TQvBlkInfo& hd, int fd, uint32_t disk, int32_t block, uint64_t blkAddr) {
+    if (put_sector(&hd, fd, disk, block, blkAddr) != 0) return -1;
+    disk::index_note_head(disk, block, &hd);
+    return 0;
 }
 
 bool header_acceptable(const TQvBlkInfo& h, uint64_t unitSize) {
@@ -94,7 +95,8 @@ uint64_t file_length(const TQvBlkSliceInfo& e) {
 
 uint64_t growth_limit(const TQvBlkRec* h, const TQvBlkSliceInfo& e, uint64_t unitSize) {
     if (h == nullptr || h->share == nullptr) return unitSize;  // the transfer itself refuses
-    const uint32_t newest = __atomic_load_n(&h->share->header.slice, __ATOMIC_RELAXED);
+    // Ordered after the caller's space claim (reserve_space).
+    const uint32_t newest = __atomic_load_n(&h->share->header.slice, __ATOMIC_SEQ_CST);
     if (e.sliceID >= newest) return unitSize;
     if (has_ring_area(e) && !ring_set(e)) return e.resEnd;
     return (e.dataEnd + (kSpaceAlign - 1)) & ~(kSpaceAlign - 1);
@@ -110,7 +112,9 @@ QVFS_API int _bf_WriteBlkInfo(const TQvBlkInfo* info, int fd, uint32_t disk, int
         errno = QVFS_ERR_BADARG;
         return -1;
     }
-    return write_sector(info, fd, disk, block, blkAddr, blkType);
+    const int r = write_sector(info, fd, disk, block, blkAddr, blkType);
+    if (r == 0) qvfs::disk::index_note_head(disk, block, info);
+    return r;
 }
 
 QVFS_API int _bf_WriteSlice(const TQvBlkSliceInfo* slice, int fd, uint32_t disk, int32_t block,

@@ -150,12 +150,9 @@ QVFS_API TQvBlkRec* _bf_GetBlock(const TQvBlkId* id) {
         rec->shrRef = 0;
         rec->reserved = 0;
         rec->unlinkPending = 0;
-        bool readOk = plat::seek(fd, rec->blkAddr) >= 0;
-        if (readOk) {
-            errno = 0;
-            int type = counttest_BlkType2CountTestType(static_cast<int>(rec->header.dataType));
-            readOk = TCT_Read(fd, &rec->header, kSector, type) == static_cast<int>(kSector);
-        }
+        clear_claims(rec);  // claims of an earlier block in this record
+        errno = 0;
+        bool readOk = plat::pread(fd, &rec->header, kSector, rec->blkAddr) == static_cast<ssize_t>(kSector);
         if (readOk) errno = callerErrno;  // a rejected header sets no code
         else errno += QVFS_ERR_SYS;
         if (!readOk || !header_acceptable(rec->header, df_GetDiskUnitSize())) {

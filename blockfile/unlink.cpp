@@ -7,6 +7,7 @@
 #include "blockfile/bf.h"
 #include "platform.h"
 #include "proc_lock.h"
+#include "reason.h"
 
 using namespace qvfs;
 using namespace qvfs::bf;
@@ -19,7 +20,10 @@ int release_block(TQvBlkShare* rec, uint32_t chn) {
     // The disk layer zeroed the block's self-info area; the shared copy
     // follows, so that a holder that creates the block's next file starts
     // again at slice 1 and no stale entry number leads into the zeroed front.
-    if (r == 0) std::memset(&hd, 0, sizeof hd);
+    if (r == 0) {
+        std::memset(&hd, 0, sizeof hd);
+        clear_claims(rec);
+    }
     return r;
 }
 
@@ -34,7 +38,10 @@ QVFS_API int bf_Unlink(const char* name) {
     }
     ProcLockGuard blkMutex(g_tBlkMutex);
     uint32_t pair[2];
-    if (_bf_ParseFileName(name, pair) != 0) return -1;
+    if (_bf_ParseFileName(name, pair) != 0) {
+        why(QVFS_WHY_BAD_NAME);
+        return -1;
+    }
     TQvBlkId id{pair[0], static_cast<int32_t>(pair[1])};
     TQvBlkRec* h = _bf_GetBlock(&id);
     if (h == nullptr) return -1;
@@ -54,6 +61,7 @@ QVFS_API int bf_Unlink(const char* name) {
             // A free block, or a slice number that leads outside the
             // directory, names no file: refused like a wrong check code,
             // nothing read or written.
+            why(QVFS_WHY_NO_SUCH_FILE);
         } else if (plat::seek(h->fd, rec->blkAddr + uint64_t(k) * kSector) < 0 ||
                    TCT_Read(h->fd, entry, kSector, counttest_BlkType2CountTestType(int(hd.dataType))) < 0) {
             errno += QVFS_ERR_SYS;
@@ -64,6 +72,7 @@ QVFS_API int bf_Unlink(const char* name) {
                    !name_extension_matches(name, *entry)) {
             // Wrong check code (a deleted entry has none) or another
             // extension: no such file, no error code.
+            why(QVFS_WHY_NO_SUCH_FILE);
         } else {
             if (entry->lock == 1) _bf_BlockOpt(h, 0, 0);
             if (entry->recType - 1 >= 2) _bf_BlockOpt(h, 1, -1);

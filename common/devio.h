@@ -1,10 +1,11 @@
 // devio.h - positioned whole-piece transfers on a device descriptor.
 //
-// Every device access of the disk and block-file layers is a positioning
-// followed by one TCT_Read or TCT_Write of the whole piece; a transfer that
-// moves anything other than the full length counts as failed, and errno is
-// left as the system call set it (0 for a short transfer), so that callers
-// add 3000 to it.
+// A device access of the disk and block-file layers is one positioned read
+// or write of the whole piece (pread/pwrite through the platform seam, so
+// that threads sharing a descriptor need no lock around a seek); a transfer
+// that moves anything other than the full length counts as failed, and
+// errno is left as the system call set it (0 for a short transfer), so that
+// callers add 3000 to it.
 #pragma once
 
 #include <cerrno>
@@ -15,16 +16,14 @@
 
 namespace qvfs {
 
-inline bool dev_read_at(int fd, uint64_t offset, void* buf, uint32_t len, int type = 0) {
-    if (plat::seek(fd, offset) < 0) return false;
+inline bool dev_read_at(int fd, uint64_t offset, void* buf, uint32_t len) {
     errno = 0;
-    return TCT_Read(fd, buf, len, type) == static_cast<int>(len);
+    return plat::pread(fd, buf, len, offset) == static_cast<ssize_t>(len);
 }
 
-inline bool dev_write_at(int fd, uint64_t offset, const void* buf, uint32_t len, int type = 0) {
-    if (plat::seek(fd, offset) < 0) return false;
+inline bool dev_write_at(int fd, uint64_t offset, const void* buf, uint32_t len) {
     errno = 0;
-    return TCT_Write(fd, buf, len, type) == static_cast<int>(len);
+    return plat::pwrite(fd, buf, len, offset) == static_cast<ssize_t>(len);
 }
 
 // errno := code (a library error code).

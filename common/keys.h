@@ -119,6 +119,16 @@ int record_lock_key(uint32_t shareIndex);
 // block-file records and their counts.
 int32_t blkfile_record_refs(uint64_t ownerKey);
 
+// The shared file or block-file record of a share index (0..2047) while it
+// is registered: the record pool's copy, or a new attachment of its own
+// segment, which record_release gives back. Null when the index is free or
+// its segment is gone. Looks up only: creates and registers nothing. For
+// work on another process's records (the flush pass); the record may be
+// freed meanwhile, so callers check under the record's lock that it is
+// still the one they mean.
+void* record_at(uint32_t shareIndex);
+void record_release(void* rec);
+
 // One entry of the per-process share table (one per disk), filled by
 // fsc_DfMalloc. All zero until then.
 struct ShareEntry {

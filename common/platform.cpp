@@ -1,8 +1,8 @@
 // platform.cpp - the operating-system seam: root mapping, device I/O, device
 // requests, key files and the task device, with the test fault table.
 //
-// Hot path. read, write and writev cost one relaxed atomic load beyond the
-// system call while no fault is armed. Paths are mapped into fixed buffers
+// Hot path. pread, pwrite and pwritev cost one relaxed atomic load beyond
+// the system call while no fault is armed. Paths are mapped into fixed buffers
 // at open and ftok time only; no transfer allocates.
 
 #include "platform.h"
@@ -131,16 +131,11 @@ bool overlaps(const Fault& f, bool posKnown, uint64_t pos, std::size_t len) {
 }
 
 // Consumes one hit of the first fault matching a transfer of len bytes of
-// kind op on fd. Caller checked g_armed.
-Verdict judge(int fd, unsigned op, std::size_t len) {
+// kind op on fd at device position pos (posKnown false: a descriptor that
+// cannot seek). Caller checked g_armed.
+Verdict judge(int fd, unsigned op, bool posKnown, uint64_t pos, std::size_t len) {
     Verdict v;
     int disk = disk_of_fd(fd);
-    int saved = errno;
-    off_t cur = ::lseek(fd, 0, SEEK_CUR);
-    errno = saved;
-    bool posKnown = cur >= 0;
-    uint64_t pos = posKnown ? static_cast<uint64_t>(cur) : 0;
-
     pthread_mutex_lock(&g_faultMutex);
     for (FaultSlot& s : g_faults) {
         if (s.id == 0 || (s.f.ops & op) == 0 || s.f.remaining == 0) continue;
@@ -164,28 +159,35 @@ Verdict judge(int fd, unsigned op, std::size_t len) {
 
 bool armed() { return g_armed.load(std::memory_order_relaxed); }
 
-ssize_t raw_read(int fd, void* buf, std::size_t len) {
+ssize_t raw_pread(int fd, void* buf, std::size_t len, off_t pos) {
     ssize_t n;
     do {
-        n = ::read(fd, buf, len);
+        n = ::pread(fd, buf, len, pos);
     } while (n < 0 && errno == EINTR);
     return n;
 }
 
-ssize_t raw_write(int fd, const void* buf, std::size_t len) {
+ssize_t raw_pwrite(int fd, const void* buf, std::size_t len, off_t pos) {
     ssize_t n;
     do {
-        n = ::write(fd, buf, len);
+        n = ::pwrite(fd, buf, len, pos);
     } while (n < 0 && errno == EINTR);
     return n;
 }
 
-ssize_t raw_writev(int fd, const struct iovec* iov, int count) {
+ssize_t raw_pwritev(int fd, const struct iovec* iov, int count, off_t pos) {
     ssize_t n;
     do {
-        n = ::writev(fd, iov, count);
+        n = ::pwritev(fd, iov, count, pos);
     } while (n < 0 && errno == EINTR);
     return n;
+}
+
+// A device position the system takes, or false with EINVAL.
+bool valid_pos(uint64_t pos) {
+    if (pos <= static_cast<uint64_t>(INT64_MAX)) return true;
+    errno = EINVAL;
+    return false;
 }
 
 // ---- task device -------------------------------------------------------------------
@@ -244,6 +246,18 @@ int open_device(const char* sysPath, int flags) {
     return fd;
 }
 
+int disk_of(int fd) { return disk_of_fd(fd); }
+
+int dup_device(int fd) {
+    const int copy = ::dup(fd);
+    if (copy >= 0) {
+        remember_disk(copy, disk_of_fd(fd));
+        remember_kind(copy, fd >= 0 && fd < kFdSlots ? FdKind(g_fdKind[fd].load(std::memory_order_relaxed))
+                                                     : kKindUnknown);
+    }
+    return copy;
+}
+
 int close_fd(int fd) {
     remember_disk(fd, -1);
     remember_kind(fd, kKindUnknown);
@@ -273,27 +287,34 @@ ssize_t faulted(const Verdict& v, Partial partial) {
 
 }  // namespace
 
-ssize_t read(int fd, void* buf, std::size_t len) {
+// The three transfer kinds each pass one point where an armed fault can take
+// them: pread, pwrite and pwritev. The descriptor-position forms below are
+// built on them.
+
+ssize_t pread(int fd, void* buf, std::size_t len, uint64_t pos) {
+    if (!valid_pos(pos)) return -1;
     if (armed()) {
-        const Verdict v = judge(fd, kFaultRead, len);
-        if (v.hit) return faulted(v, [&](std::size_t n) { return raw_read(fd, buf, n); });
+        const Verdict v = judge(fd, kFaultRead, true, pos, len);
+        if (v.hit) return faulted(v, [&](std::size_t n) { return raw_pread(fd, buf, n, off_t(pos)); });
     }
-    return raw_read(fd, buf, len);
+    return raw_pread(fd, buf, len, off_t(pos));
 }
 
-ssize_t write(int fd, const void* buf, std::size_t len) {
+ssize_t pwrite(int fd, const void* buf, std::size_t len, uint64_t pos) {
+    if (!valid_pos(pos)) return -1;
     if (armed()) {
-        const Verdict v = judge(fd, kFaultWrite, len);
-        if (v.hit) return faulted(v, [&](std::size_t n) { return raw_write(fd, buf, n); });
+        const Verdict v = judge(fd, kFaultWrite, true, pos, len);
+        if (v.hit) return faulted(v, [&](std::size_t n) { return raw_pwrite(fd, buf, n, off_t(pos)); });
     }
-    return raw_write(fd, buf, len);
+    return raw_pwrite(fd, buf, len, off_t(pos));
 }
 
-ssize_t writev(int fd, const struct iovec* iov, int count) {
+ssize_t pwritev(int fd, const struct iovec* iov, int count, uint64_t pos) {
+    if (!valid_pos(pos)) return -1;
     if (armed() && iov != nullptr && count > 0) {
         std::size_t total = 0;
         for (int i = 0; i < count; ++i) total += iov[i].iov_len;
-        const Verdict v = judge(fd, kFaultWritev, total);
+        const Verdict v = judge(fd, kFaultWritev, true, pos, total);
         if (v.hit) {
             return faulted(v, [&](std::size_t left) {
                 // The first bytes of the vector, in a trimmed copy (test
@@ -305,11 +326,61 @@ ssize_t writev(int fd, const struct iovec* iov, int count) {
                     left -= piece.iov_len;
                     part.push_back(piece);
                 }
-                return raw_writev(fd, part.data(), static_cast<int>(part.size()));
+                return raw_pwritev(fd, part.data(), static_cast<int>(part.size()), off_t(pos));
             });
         }
     }
-    return raw_writev(fd, iov, count);
+    return raw_pwritev(fd, iov, count, off_t(pos));
+}
+
+namespace {
+
+// A transfer at the descriptor's position through its positioned form, the
+// position then moved past what it moved. A descriptor that cannot seek
+// (no device of ours) goes to the system as it is, judged as a transfer of
+// unknown position.
+template <class Positioned, class Plain>
+ssize_t at_position(int fd, unsigned op, std::size_t len, Positioned positioned, Plain plain) {
+    const int saved = errno;
+    const off_t cur = ::lseek(fd, 0, SEEK_CUR);
+    if (cur < 0) {
+        errno = saved;
+        if (armed()) {
+            const Verdict v = judge(fd, op, false, 0, len);
+            if (v.hit && v.error != 0) {
+                errno = v.error;
+                return -1;
+            }
+            if (v.hit) len = v.move;
+        }
+        return plain(len);
+    }
+    errno = saved;
+    const ssize_t n = positioned(static_cast<uint64_t>(cur));
+    if (n > 0) ::lseek(fd, cur + n, SEEK_SET);
+    return n;
+}
+
+}  // namespace
+
+ssize_t read(int fd, void* buf, std::size_t len) {
+    return at_position(
+        fd, kFaultRead, len, [&](uint64_t pos) { return pread(fd, buf, len, pos); },
+        [&](std::size_t n) { return n == 0 && len != 0 ? ssize_t(0) : ::read(fd, buf, n); });
+}
+
+ssize_t write(int fd, const void* buf, std::size_t len) {
+    return at_position(
+        fd, kFaultWrite, len, [&](uint64_t pos) { return pwrite(fd, buf, len, pos); },
+        [&](std::size_t n) { return n == 0 && len != 0 ? ssize_t(0) : ::write(fd, buf, n); });
+}
+
+ssize_t writev(int fd, const struct iovec* iov, int count) {
+    std::size_t total = 0;
+    for (int i = 0; iov != nullptr && i < count; ++i) total += iov[i].iov_len;
+    return at_position(
+        fd, kFaultWritev, total, [&](uint64_t pos) { return pwritev(fd, iov, count, pos); },
+        [&](std::size_t) { return ::writev(fd, iov, count); });
 }
 
 int flush(int fd) {
@@ -369,7 +440,7 @@ bool memory_readable(const void* p, std::size_t len) {
 }
 
 bool device_present(int fd) {
-    if (armed() && judge(fd, kFaultOffline, 0).hit) return false;
+    if (armed() && judge(fd, kFaultOffline, false, 0, 0).hit) return false;
     FdKind kind = kind_of_fd(fd);
     if (kind == kKindUnknown) {
         struct stat st;
@@ -508,6 +579,8 @@ void fault_clear(int id) {
     g_armed.store(any, std::memory_order_relaxed);
     pthread_mutex_unlock(&g_faultMutex);
 }
+
+bool faults_armed() { return armed(); }
 
 long fault_hits() {
     pthread_mutex_lock(&g_faultMutex);

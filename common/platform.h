@@ -16,9 +16,9 @@
 // file's size and the presence request is not supported (counts as present).
 //
 // Fault injection. Tests arm faults for a disk and a byte range: reads,
-// writes and writev in the range fail with a chosen errno or move fewer bytes,
-// and the presence request reports the disk offline. Unarmed, the seam costs
-// one relaxed atomic load per transfer.
+// writes and gathered writes in the range fail with a chosen errno or move
+// fewer bytes, and the presence request reports the disk offline. Unarmed,
+// the seam costs one relaxed atomic load per transfer.
 #pragma once
 
 #include <sys/types.h>
@@ -51,11 +51,30 @@ int open_device(const char* sys_path, int flags);
 // Closes a descriptor opened here. Returns close's result.
 int close_fd(int fd);
 
+// A second descriptor of what a descriptor opened here refers to, known to
+// the fault table as the same disk (dup). The descriptor or -1 with errno.
+int dup_device(int fd);
+
+// The disk number of a descriptor opened by open_device (from its path), or
+// -1 when it names none.
+int disk_of(int fd);
+
 // lseek64(fd, offset, SEEK_SET). Returns the new offset or -1 with errno.
 int64_t seek(int fd, uint64_t offset);
 
-// One read/write/writev as the system performs it (one call, may be short);
-// EINTR is retried. These are the primitives behind TCT_Read / TCT_Write.
+// One positioned transfer as the system performs it (one call, may be
+// short; EINTR retried; the descriptor's position is neither used nor
+// moved). These are the library's device transfers, and the one place
+// where armed faults take a read, a write or a gathered write: the
+// transfer's position is its `pos` argument. A position above INT64_MAX
+// fails with EINVAL.
+ssize_t pread(int fd, void* buf, std::size_t len, uint64_t pos);
+ssize_t pwrite(int fd, const void* buf, std::size_t len, uint64_t pos);
+ssize_t pwritev(int fd, const struct iovec* iov, int count, uint64_t pos);
+
+// The same at the descriptor's position, which then moves past what was
+// moved: the primitives behind TCT_Read / TCT_Write, built on the
+// positioned forms above.
 ssize_t read(int fd, void* buf, std::size_t len);
 ssize_t write(int fd, const void* buf, std::size_t len);
 ssize_t writev(int fd, const struct iovec* iov, int count);
@@ -133,14 +152,19 @@ struct Fault {
 // The first armed fault that matches a transfer takes it: an error fault
 // fails it with `error` and moves nothing; a short fault moves
 // min(short_bytes, len) bytes for real and returns that count. A transfer's
-// position is the descriptor's current offset; a descriptor's disk is the one
-// named by the path open_device opened it with. Offline faults ignore the
+// position is its offset argument (for read, write and writev the
+// descriptor's current offset); a descriptor's disk is the one named by the
+// path open_device opened it with. Offline faults ignore the
 // range. Faults are per process (a forked child inherits them).
 int fault_add(const Fault& f);
 // Disarms one fault, or all with -1.
 void fault_clear(int id = -1);
 // Number of times armed faults were hit since the last fault_clear(-1).
 long fault_hits();
+// Whether any fault is armed (one relaxed load): callers that keep an
+// answer of the presence request ask the device again while one is, so
+// that an armed offline fault acts at once.
+bool faults_armed();
 
 // Task-list source for tests: when set, open_task_device() succeeds without
 // a device and task_list() calls fn to fill the 84-byte list.

@@ -408,6 +408,23 @@ int32_t blkfile_record_refs(uint64_t ownerKey) {
     return 0;
 }
 
+void* record_at(uint32_t shareIndex) {
+    if (g_stQvfsFileList == nullptr || g_stQvfsShrPool == nullptr || shareIndex >= kDiskIndexBase) return nullptr;
+    if (owner_of(shareIndex) == 0) return nullptr;
+    const bool file = shareIndex < kBlkFileIndexBase;
+    const RecordKind& k = file ? kFileKind : kBlkFileKind;
+    const uint32_t slot = shareIndex - k.firstIndex;
+    if (slot < kPoolSlotsPerKind) return pool_record(k, slot);
+    const int key = fsc_GetShmKey(static_cast<int>(shareIndex));
+    const int id = key == -1 ? -1 : shmget(key, 0, 0);
+    void* rec = id < 0 ? reinterpret_cast<void*>(-1) : shmat(id, nullptr, 0);
+    return rec == reinterpret_cast<void*>(-1) ? nullptr : rec;
+}
+
+void record_release(void* rec) {
+    if (rec != nullptr && !in_pool(rec)) shmdt(rec);
+}
+
 const ShareEntry& share_entry(int disk) {
     static const ShareEntry kNone{};
     if (disk < 0 || disk >= QVFS_MAX_DISKS) return kNone;

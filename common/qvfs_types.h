@@ -54,6 +54,34 @@ enum {
     QVFS_ERR_SYS = 3000           /* plus the system errno of a failed system call */
 };
 
+/* ------------------------------------------------------------------------
+ * Reasons (qvfs_LastReason). The codes above are few and shared by many
+ * causes (1001 is the answer of every failed open); a reason names the one
+ * cause of a calling thread's last failure, for messages and for deciding
+ * what to do next (mount the disk, free space, close handles, open another
+ * file). qvfs_ErrorString gives words for them.
+ * ---------------------------------------------------------------------- */
+enum {
+    QVFS_WHY_NONE = 0,                /* the last call succeeded, or gave no more than its code */
+    QVFS_WHY_NOT_INIT = 1101,         /* qvfs_Init has not run in this process */
+    QVFS_WHY_NOT_MOUNTED = 1102,      /* the disk is not mounted (or not a disk path) */
+    QVFS_WHY_DISK_FULL = 1103,        /* no free block for the channel's new block */
+    QVFS_WHY_CHANNEL = 1104,          /* channel 1024 or above */
+    QVFS_WHY_HANDLES_FULL = 1105,     /* all 1024 handles of this process are open */
+    QVFS_WHY_FILES_FULL = 1106,       /* all 1024 shared file records are in use (system-wide) */
+    QVFS_WHY_NO_SUCH_FILE = 1107,     /* the name is well formed but names no live file */
+    QVFS_WHY_BAD_NAME = 1108,         /* not a file name this library gives out */
+    QVFS_WHY_FILE_OPEN = 1109,        /* the file is open (in this or another process) */
+    QVFS_WHY_BAD_HANDLE = 1110,       /* the handle is not open (closed, stale or never given) */
+    QVFS_WHY_NOT_WRITABLE = 1111,     /* the handle was opened read-only */
+    QVFS_WHY_NOT_READABLE = 1112,     /* the handle was opened write-only */
+    QVFS_WHY_BAD_EXTENSION = 1113,    /* extension empty, 8 characters or more, or not printable */
+    QVFS_WHY_BAD_RESERVE = 1114,      /* pre-record size negative or larger than a block's data area */
+    QVFS_WHY_BLOCK_FULL = 1115,       /* the block has no room left for this file's bytes */
+    QVFS_WHY_DAMAGED = 1116,          /* the file's entry or the disk's metadata is damaged */
+    QVFS_WHY_IO = 1117                /* the device failed a transfer (the block is marked bad) */
+};
+
 /* Replaceable allocator hooks (qvfs_RegistAllocatorInterface). */
 typedef void* (*QvfsAllocFn)(uint32_t size);
 typedef void (*QvfsFreeFn)(void* p);
@@ -61,6 +89,9 @@ typedef void (*QvfsFreeFn)(void* p);
 /* Fixed limits. */
 #define QVFS_MAX_DISKS 25
 #define QVFS_MAX_CHANNELS 1024
+/* Wildcards of the block search (qvfs_FindBlocks). */
+#define QVFS_ANY_CHANNEL 0xFFFFFFFFu
+#define QVFS_ANY_BLK_TYPE 0xFFFFFFFFu
 #define QVFS_MAX_HANDLES 1024
 #define QVFS_MAX_BLOCKS 131072
 #define QVFS_KEY_DIR "/dvr/qvfs"

@@ -2,15 +2,19 @@
 //
 // Every change is made in the shared image first and then written to both
 // meta regions: the status map and the 4 KiB chunks of the one data type
-// that changed. The disk's lock is held across the writes, so allocations
-// and releases of one disk are strictly one after the other in all
-// processes, and two processes never pick the same free block.
+// that changed. The disk's lock is held across the meta writes, so the
+// changes of one disk are strictly one after the other in all processes,
+// and two processes never pick the same free block. Zeroing a block's head
+// (up to 16 MiB) is done with the lock released: the block is taken in the
+// image before and belongs to the allocating or releasing caller meanwhile.
 #include <cerrno>
 #include <cstring>
 
 #include "common/devio.h"
+#include "common/platform.h"
 #include "common/proc_lock.h"
 #include "disk/df.h"
+#include "reason.h"
 
 using namespace qvfs::disk;
 
@@ -55,6 +59,25 @@ bool has_room(const TQvDiskRec& d, int32_t b, int32_t length) {
     return need < blockSize - h.next;
 }
 
+// Zeroes a block's head (as _df_ClearBlockHead) through a descriptor of its
+// own with the disk's lock released, so that an unmount meanwhile cannot
+// close the descriptor under the writes, and takes the lock again. True
+// when the head was zeroed and the disk is still ready. Caller holds `lock`
+// (the disk's) and owns the block.
+bool clear_unlocked(TQvDiskRec& d, qvfs::ProcLockGuard& lock, int32_t block, uint32_t length) {
+    const uint64_t start = block_addr(d.share->head, static_cast<uint32_t>(block));
+    const int fd = qvfs::plat::dup_device(d.fd);
+    if (fd < 0) {
+        errno += QVFS_ERR_SYS;
+        return false;
+    }
+    lock.unlock();
+    const bool cleared = clear_head(fd, start, length) == 0;
+    qvfs::plat::close_fd(fd);
+    lock.lock();
+    return cleared && is_ready(d);
+}
+
 // Result of writing one change to the meta regions: written when at least
 // one region took all its pieces; mapIndex is that region's map value.
 struct MetaResult {
@@ -74,16 +97,19 @@ int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out) {
     const int disk = fsc_GetDiskNumByPath(req->path);
     if (disk < 0) {
         errno = QVFS_ERR_DISKNUM;
+        qvfs::why(QVFS_WHY_NOT_MOUNTED);
         return -1;
     }
     if (disk >= QVFS_MAX_DISKS || rec(static_cast<uint32_t>(disk)).share == nullptr) {
         errno = QVFS_ERR_BADARG;
+        qvfs::why(QVFS_WHY_NOT_MOUNTED);
         out->block = -1;
         return -1;
     }
     TQvDiskRec& d = rec(static_cast<uint32_t>(disk));
     qvfs::ProcLockGuard lock(d.lock);  // status map and tables of the image
     if (!is_ready(d)) {
+        qvfs::why(QVFS_WHY_NOT_MOUNTED);
         out->block = -1;
         return -1;
     }
@@ -91,6 +117,7 @@ int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out) {
     const uint32_t t = static_cast<uint32_t>(fsc_GetBlkType(req->fileType)) % kTypes;
     if (c >= kChannels) {
         errno = QVFS_ERR_CHANNEL;
+        qvfs::why(QVFS_WHY_CHANNEL);
         out->block = -1;
         return -1;
     }
@@ -112,15 +139,22 @@ int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out) {
     const uint8_t* hit = static_cast<const uint8_t*>(std::memchr(s.map, QV_BLK_FREE, blocks));
     if (hit == nullptr) {
         errno = QVFS_ERR_BADHANDLE;
+        qvfs::why(QVFS_WHY_DISK_FULL);
         out->block = -1;
         return -1;
     }
     const int32_t b = static_cast<int32_t>(hit - s.map);
-    if (_df_ClearBlockHead(&d, b, static_cast<uint32_t>(fsc_GetSelfInfoLen(static_cast<int>(t)))) != 0) {
+    // The block is taken in the image (no process picks it again) and its
+    // head is zeroed without the disk's lock, which every process's
+    // recording needs meanwhile; it becomes the channel's current block and
+    // reaches the meta regions only when its head is clean.
+    qvfs::disk::index_note_alloc(static_cast<uint32_t>(disk), static_cast<uint32_t>(b), c, t);
+    s.map[b] = QV_BLK_USED;
+    if (!clear_unlocked(d, lock, b, static_cast<uint32_t>(fsc_GetSelfInfoLen(static_cast<int>(t))))) {
+        if (d.share == &s) s.map[b] = QV_BLK_FREE;
         out->block = -1;
         return -1;
     }
-    s.map[b] = QV_BLK_USED;
     s.current[t][c] = b;
     ++s.count[t][c];
 
@@ -154,7 +188,11 @@ int df_ReleaseBlock(uint32_t disk, int32_t block, uint32_t channel, uint32_t typ
         return -1;
     }
     if (s.map[block] == QV_BLK_FREE) return 0;
-    _df_ClearBlockHead(&d, block, clearLen);
+    // The block is still in use and its caller's alone: its head is zeroed
+    // without the disk's lock. A failure leaves the release to go on, as
+    // before (the head is cleared again when the block is next taken).
+    clear_unlocked(d, lock, block, clearLen);
+    if (s.map[block] == QV_BLK_FREE) return 0;
 
     MetaResult meta;
     uint32_t mapIndex = 0;

@@ -10,6 +10,7 @@
 
 #include "common/proc_lock.h"
 #include "disk/df.h"
+#include "reason.h"
 
 using namespace qvfs::disk;
 
@@ -29,6 +30,9 @@ int df_TagBadBlock(uint32_t disk, int32_t block) {
         errno = QVFS_ERR_BADHANDLE;
         return -1;
     }
+    // Only the layers call this, after the device failed a transfer of the
+    // block: that is the reason of the failure they report.
+    qvfs::why(QVFS_WHY_IO);
     s.map[block] = QV_BLK_BAD;
 
     uint32_t mapIndex = 0;

@@ -9,6 +9,7 @@
 
 #include "disk/df_format.h"
 #include "fsc.h"
+#include "state.h"
 
 extern "C" {
 
@@ -58,6 +59,16 @@ QVFS_API void* _df_FlushThread(void*);
 // data-type code at byte 8, length about to be written at byte 12, device
 // path from byte 24.
 QVFS_API int df_GetFileBlkId(const TQvfsOpenParam* req, TQvBlkId* out);
+// The blocks in use of channel `chn` and block type `type` (or any, with
+// QVFS_ANY_CHANNEL / QVFS_ANY_BLK_TYPE) holding files whose recorded time
+// [startTime, max(startTime, endTime)] (endTime 0: no end yet, the block
+// reaches on) meets [from, to], answered from the
+// disk's index: the number of such blocks, with the `max` earliest by start
+// time (then block number) in out, in that order. -1: 1001 (null path, no
+// disk, negative max, null out with max > 0, disk not mounted), 3000 +
+// errno when the index segment cannot be made. Takes the disk lock.
+QVFS_API int df_FindBlocks(const char* path, uint32_t chn, uint32_t type, int64_t from, int64_t to,
+                           TQvDiskBlkInfo* out, int32_t max);
 QVFS_API int df_ReleaseBlock(uint32_t disk, int32_t block, uint32_t channel, uint32_t type,
                              uint32_t clearLen);
 QVFS_API int64_t df_GetBlkAddr(uint32_t disk, int32_t block);
@@ -113,6 +124,38 @@ inline bool is_ready(const TQvDiskRec& d) {
     return d.share != nullptr && d.share->mounted != 0 && d.share->stat != 1;
 }
 
+// The process's attachment of a disk's image, stored and read whole so that
+// the readiness test of a transfer needs no lock.
+inline void set_share(TQvDiskRec& d, TQvDiskShare* image) { __atomic_store_n(&d.share, image, __ATOMIC_RELEASE); }
+
+// The same test without the disk's lock, for transfers: the three words are
+// aligned and each is written whole, so the answer is one that held at some
+// moment during the call (a mount or unmount racing with a transfer may go
+// either way, as it may with the lock).
+inline bool ready(uint32_t disk) {
+    const TQvDiskShare* s = __atomic_load_n(&rec(disk).share, __ATOMIC_ACQUIRE);
+    return s != nullptr && __atomic_load_n(&s->mounted, __ATOMIC_RELAXED) != 0 &&
+           __atomic_load_n(&s->stat, __ATOMIC_RELAXED) != 1;
+}
+
+// The answers of the presence request kept in a disk's state.
+inline constexpr uint32_t kPresenceUnknown = 0, kPresent = 1, kGone = 2;
+
+// Whether the device behind fd (a descriptor of a disk opened through the
+// platform) counts as present for a transfer: always with the online check
+// switched off; otherwise the answer the flush pass keeps, or the device's
+// own answer while none is kept or while faults are armed. Leaves errno.
+bool device_online(int fd);
+// Asks the presence request of the disk's device through fd and keeps the
+// answer (the flush pass, once per pass).
+void refresh_presence(uint32_t disk, int fd);
+
+// Zeroes `length` bytes of a block head at device offset `start` through fd
+// as _df_ClearBlockHead does; takes no lock (the allocation and release of
+// a block call it with the disk's lock released, on a descriptor of their
+// own, the block being theirs meanwhile). 0 or -1 as put_piece leaves it.
+int clear_head(int fd, uint64_t start, uint32_t length);
+
 // Attaches (or creates) the image of disk `index` and stores it in d.share.
 // Returns the image or null with errno from the pool.
 TQvDiskShare* attach_image(TQvDiskRec& d, uint32_t index);
@@ -143,6 +186,20 @@ inline uint32_t map_blocks(const TQvDiskHead& h) {
     return h.tolblk < kMaxBlocks ? h.tolblk : kMaxBlocks;
 }
 
+// ---- the block index (disk/index.cpp) ----
+// Attaches this process to the disk's index and builds it from the block
+// headers when `fresh` (the image was just loaded) or when it does not
+// describe the disk. Caller holds the disk lock; the image is loaded. 0, or
+// -1 with errno + 3000 when the system refuses the segment.
+int index_mount(TQvDiskRec& d, uint32_t disk, bool fresh);
+// The disk was formatted: its index, in whichever process, is built again.
+void index_invalidate(uint32_t disk);
+// A block was given to channel `chn` for block type `type` (no file yet).
+// Caller holds the disk lock.
+void index_note_alloc(uint32_t disk, uint32_t block, uint32_t chn, uint32_t type);
+// A block header (512 bytes) was written to the device. No lock needed.
+void index_note_head(uint32_t disk, int32_t block, const void* sector);
+
 // Fields of a block header (the first 512 bytes of a block) that the disk
 // layer reads; the record itself belongs to the block-file layer.
 struct BlockHeadView {
@@ -163,5 +220,44 @@ void start_flush_thread();
 // Number of descriptor flushes the flush thread of this process has made
 // for a disk since the process started. For tests and diagnosis.
 long flush_count(uint32_t disk);
+
+// Monotonic milliseconds (one clock for all processes of the machine).
+int64_t now_ms();
+
+// The flush cadence: a flush pass looks at the disks every kFlushTick ms; a
+// disk whose sync mark is set is flushed as soon as kFlushSpacing ms have
+// passed since its last flush by any process, so a mark is served within
+// kFlushSpacing + kFlushTick ms and a device sees at most one fdatasync per
+// kFlushSpacing ms from the passes.
+inline constexpr int64_t kFlushTick = 100;
+inline constexpr int64_t kFlushSpacing = 800;
+
+// The upper layers' part of a flush pass. Calls go only downwards, so the
+// disk layer cannot call the layers that keep file lengths; the file layer
+// registers this one function at its start instead (set_flush_hook). A pass
+// of disk `disk` calls it twice with a descriptor of the disk's device:
+// phase kBeforeFlush, before the pass's fdatasync (it takes each pending
+// file's length as a candidate and writes the block headers that must cover
+// it), and phase kAfterFlush, after it (it writes the entries that carry
+// the candidates, whose data the fdatasync made durable). The hook runs with
+// g_tTimerMutex held and no disk lock; it may take per-file and block locks
+// (which come after g_tTimerMutex in the lock order) and returns the number
+// of sectors it wrote.
+inline constexpr int kBeforeFlush = 0, kAfterFlush = 1;
+using FlushHook = unsigned (*)(uint32_t disk, int fd, int phase);
+void set_flush_hook(FlushHook hook);
+
+// fdatasync of a disk's device through fd (any descriptor of it), counted as
+// the disk's flush (its last-flush time moves). 0 or -1 with errno.
+int flush_device(uint32_t disk, int fd);
+
+// Makes everything written to the disk so far durable, entries included:
+// a pass of the disk now, with a second fdatasync after the entries the
+// hook wrote. Takes g_tTimerMutex, then the disk's lock; the caller holds
+// no lock of the library. 0, or -1 when the process has no descriptor of
+// the disk or a flush failed.
+int flush_disk_now(uint32_t disk);
+// The same with g_tTimerMutex already held by the caller.
+int flush_disk_now_locked(uint32_t disk);
 
 }  // namespace qvfs::disk

@@ -97,6 +97,7 @@ int df_DiskFormat(const char* path, uint32_t mode, uint64_t size) {
             return -1;
         }
         lay_out_image(*d.share, layout);
+        qvfs::disk::index_invalidate(index);
 
         uint32_t primaryFailed = 0;
         if (_df_WriteDiskHead(&d, &primaryFailed) == -1) {

@@ -1,9 +1,9 @@
 // layout.cpp - device primitives and the metadata writers of the disk layer.
 //
 // Every writer here is called with the disk's lock held and takes no lock
-// itself. A metadata piece is written as: position, online test, one
-// TCT_Write of the whole piece. A piece skipped because the device is
-// offline leaves errno alone; a failed or short write leaves errno + 3000.
+// itself. A metadata piece is written as: online test, one positioned write
+// of the whole piece. A piece skipped because the device is offline leaves
+// errno alone; a failed or short write leaves errno + 3000.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -19,24 +19,76 @@ using namespace qvfs::disk;
 namespace qvfs::disk {
 
 TQvDiskShare* attach_image(TQvDiskRec& d, uint32_t index) {
-    d.share = static_cast<TQvDiskShare*>(fsc_DfMalloc(owner_key(index), kImageSize));
-    return d.share;
+    auto* image = static_cast<TQvDiskShare*>(fsc_DfMalloc(owner_key(index), kImageSize));
+    set_share(d, image);
+    return image;
+}
+
+// The presence request is asked at most once per flush pass (the pass
+// refreshes the answer kept in the disk's state); a transfer reads the
+// answer. With no answer yet, or while tests have faults armed (an armed
+// offline fault must act at once), the device itself is asked. A transfer
+// that then fails on a device that went away in between fails as any
+// failed transfer does.
+bool device_online(int fd) {
+    const int saved = errno;
+    uint32_t check = 1;  // a failed read leaves the test on
+    fsc_GetParam(QVFS_PARAM_ONLINE_CHECK, &check);
+    bool online = true;
+    if (check != 0) {
+        const int disk = plat::disk_of(fd);
+        TQvDiskState* st = disk < 0 ? nullptr : disk_state(uint32_t(disk));
+        const uint32_t known = st == nullptr ? kPresenceUnknown : __atomic_load_n(&st->presence, __ATOMIC_RELAXED);
+        if (known == kPresenceUnknown || plat::faults_armed()) {
+            online = plat::device_present(fd);
+            if (st != nullptr && known == kPresenceUnknown)
+                __atomic_store_n(&st->presence, online ? kPresent : kGone, __ATOMIC_RELAXED);
+        } else {
+            online = known == kPresent;
+        }
+    }
+    errno = saved;
+    return online;
+}
+
+void refresh_presence(uint32_t disk, int fd) {
+    TQvDiskState* st = disk_state(disk);
+    if (st == nullptr) return;
+    const int saved = errno;
+    const bool present = plat::device_present(fd);
+    errno = saved;
+    __atomic_store_n(&st->presence, present ? kPresent : kGone, __ATOMIC_RELAXED);
+    __atomic_store_n(&st->presenceMs, now_ms(), __ATOMIC_RELAXED);
+}
+
+int clear_head(int fd, uint64_t start, uint32_t length) {
+    constexpr uint32_t kMaxClear = 0x1000000;
+    constexpr uint32_t kPiece = 0x80000;
+    const uint32_t len = (length >= 1 && length <= kMaxClear) ? length : kMaxClear;
+    void* zero = qvfs_Malloc(kPiece);
+    if (zero == nullptr) {
+        errno = QVFS_ERR_NOMEM;
+        return -1;
+    }
+    std::memset(zero, 0, kPiece);
+    const uint32_t pieces = len / kPiece;
+    for (uint32_t i = 0; i < pieces; ++i) {
+        if (put_piece(fd, start + uint64_t(i) * kPiece, zero, kPiece) != Put::kOk) {
+            qvfs_Free(zero);
+            return -1;
+        }
+        if (i > 0 && i % 4 == 0 && static_cast<int32_t>(length) > 0) usleep(1000);
+    }
+    qvfs_Free(zero);
+    return 0;
 }
 
 // A transfer that succeeds leaves errno as it was: a failure earlier in the
 // same operation stays visible to its caller.
 Put put_piece(int fd, uint64_t off, const void* buf, uint32_t len) {
     const int saved = errno;
-    const int64_t pos = plat::seek(fd, off);
-    const int seekErr = errno;
-    errno = saved;
-    if (!df_IsDiskOnline(fd)) return Put::kOffline;
-    if (pos < 0) {
-        errno = seekErr + QVFS_ERR_SYS;
-        return Put::kFailed;
-    }
-    errno = 0;  // a short write reports 3000
-    if (TCT_Write(fd, buf, len, 0) != static_cast<int>(len)) {
+    if (!device_online(fd)) return Put::kOffline;
+    if (!dev_write_at(fd, off, buf, len)) {
         raise_sys_error();
         return Put::kFailed;
     }
@@ -182,9 +234,6 @@ int _df_WriteTypeTables(TQvDiskRec* disk, uint32_t region, uint32_t type) {
 // length (as signed) pauses 1 ms after every fourth piece so that recording
 // traffic on the device is not starved.
 int _df_ClearBlockHead(TQvDiskRec* disk, int32_t block, uint32_t length) {
-    constexpr uint32_t kMaxClear = 0x1000000;
-    constexpr uint32_t kPiece = 0x80000;
-    const uint32_t len = (length >= 1 && length <= kMaxClear) ? length : kMaxClear;
     if (disk == nullptr) {
         errno = QVFS_ERR_BADARG;
         return -1;
@@ -193,27 +242,8 @@ int _df_ClearBlockHead(TQvDiskRec* disk, int32_t block, uint32_t length) {
         errno = QVFS_ERR_BADHANDLE;
         return -1;
     }
-    void* zero = qvfs_Malloc(kPiece);
-    if (zero == nullptr) {
-        errno = QVFS_ERR_NOMEM;
-        return -1;
-    }
-    std::memset(zero, 0, kPiece);
-    if (disk->share == nullptr) {
-        qvfs_Free(zero);
-        return -1;
-    }
-    const uint64_t start = block_addr(disk->share->head, static_cast<uint32_t>(block));
-    const uint32_t pieces = len / kPiece;
-    for (uint32_t i = 0; i < pieces; ++i) {
-        if (put_piece(disk->fd, start + uint64_t(i) * kPiece, zero, kPiece) != Put::kOk) {
-            qvfs_Free(zero);
-            return -1;
-        }
-        if (i > 0 && i % 4 == 0 && static_cast<int32_t>(length) > 0) usleep(1000);
-    }
-    qvfs_Free(zero);
-    return 0;
+    if (disk->share == nullptr) return -1;
+    return qvfs::disk::clear_head(disk->fd, block_addr(disk->share->head, static_cast<uint32_t>(block)), length);
 }
 
 }  // extern "C"

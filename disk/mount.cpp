@@ -172,7 +172,7 @@ int df_Init(void) {
         d.fd = -1;
         d.index = -1;
         d.syncMark = 0;
-        d.share = nullptr;
+        set_share(d, nullptr);
         d.lock = fsc_ProcLockInit(fsc_GetShmKey(2048 + static_cast<int>(i)));
         if (d.lock < 0) ++failures;
     }
@@ -215,7 +215,7 @@ int _df_LoadDisk(TQvDiskRec* disk) {
         // process's device must still hold the disk it describes.
         return head_fits(d.share->head, d.fd) ? 0 : -1;
     }();
-    if (result != 0) d.share = nullptr;
+    if (result != 0) set_share(d, nullptr);
     return result;
 }
 
@@ -271,10 +271,17 @@ int df_DiskMount(const char* path) {
     // Taken from a header that passed head_fits: every disk has the one
     // block size of the format, so no disk changes what another one does.
     __atomic_store_n(&g_ullUnitSize, uint64_t(d.share->head.blockSize), __ATOMIC_RELAXED);
+    // The index is built with the image; a mount that finds it current
+    // only attaches. Without it the disk still works; its queries retry.
+    qvfs::disk::index_mount(d, static_cast<uint32_t>(d.index), d.share->mounted == 0);
     // Only a mount that opened the device counts: a process mounts a disk
     // once however often it calls this.
     if (openedHere) ++d.share->mounted;
     d.share->stat = 0;
+    // The device may be another one than at the last mount: its presence
+    // is asked afresh.
+    if (TQvDiskState* st = qvfs::disk_state(static_cast<uint32_t>(d.index)))
+        __atomic_store_n(&st->presence, kPresenceUnknown, __ATOMIC_RELAXED);
     return 0;
 }
 
@@ -282,6 +289,11 @@ int df_DiskUnmout(const char* path, uint32_t mode) {
     TQvDiskRec* disk = rec_of_path(path);
     if (disk == nullptr) return -1;
     TQvDiskRec& d = *disk;
+    // What was written is made durable, entries included, before the
+    // descriptor goes; g_tTimerMutex keeps a flush pass off the descriptor
+    // until it is closed.
+    qvfs::ProcLockGuard timer(g_tTimerMutex);
+    flush_disk_now_locked(static_cast<uint32_t>(disk - g_astQvDisk));
     qvfs::ProcLockGuard lock(d.lock);
     if (d.share != nullptr && d.fd >= 0) {
         qvfs::plat::close_fd(d.fd);

@@ -289,5 +289,5 @@ int tf_SetFileInfo(TQvFileHandle* handle, uint32_t mask, TQvFileInfo* items, int
         }
     }
     std::memcpy(&handle->rec->slice, &work, sizeof work);
-    return bf_Sync(&handle->rec->slice, handle->blkFile);
+    return store_entry(handle);
 }

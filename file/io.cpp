@@ -14,8 +14,9 @@
 //
 // Every call maps and transfers under the per-file lock, so the position
 // fields cannot change between the mapping and the transfers, and a
-// grower's bf_Sync completes before another caller maps. The block layer
-// bounds every transfer by the block size, whatever the mapping produced.
+// grower's new length is in the shared record before another caller maps.
+// The block layer bounds every transfer by the block size, whatever the
+// mapping produced.
 #include <climits>
 #include <cerrno>
 #include <cstring>
@@ -61,15 +62,21 @@ void lay_out_parts(const TQvBlkSliceInfo& s, bool isRead, Part (&p)[kParts]) {
 
 bool usable(const TQvFileHandle* h) { return h != nullptr && h->rec != nullptr; }
 
+// The handle's errNo is stored whole: tf_GetErrorNo reads it without the
+// per-file lock.
+void set_error_no(TQvFileHandle* h, int value) { __atomic_store_n(&h->errNo, value, __ATOMIC_RELAXED); }
+
 // After a transfer that ended at `end` (block address): a file that grew
-// takes the new dataEnd and the current time and stores its entry. Writes
-// that end inside the data, or beyond the block, change nothing.
+// takes the new dataEnd and the current time in the shared record, where
+// every process reads them; the entry on the device follows with the next
+// flush pass. Writes that end inside the data, or beyond the block, change
+// nothing.
 void grow_to(TQvFileHandle* h, uint64_t end) {
     TQvBlkSliceInfo& s = h->rec->slice;
     if (end > df_GetDiskUnitSize() || s.dataEnd >= end) return;
     s.dataEnd = end;
     s.endTime = uint64_t(int64_t(time(nullptr)));
-    bf_Sync(&s, h->blkFile);
+    note_growth(h);
 }
 
 // Reads never leave the file's block, whatever the regions say: segments
@@ -100,7 +107,7 @@ namespace {
 // block is full, which tells a recorder to go on in a new file.
 bool refuse_overgrowth(TQvFileHandle* h, uint64_t end) {
     if (end <= qvfs::bf::growth_limit(h->blkFile, h->rec->slice, df_GetDiskUnitSize())) return false;
-    h->errNo = qvfs::bf::kXferNearFull;
+    set_error_no(h, qvfs::bf::kXferNearFull);
     errno = QVFS_ERR_BLOCKRANGE;
     return true;
 }
@@ -122,7 +129,15 @@ int map_write(uint32_t pos, uint32_t len, TQvFileHandle* h, uint32_t* addr, uint
         errno = QVFS_ERR_BLOCKRANGE;
         return -1;
     }
-    return refuse_overgrowth(h, uint64_t(addr[n - 1]) + lens[n - 1]) ? -1 : n;
+    const uint64_t end = uint64_t(addr[n - 1]) + lens[n - 1];
+    if (refuse_overgrowth(h, end)) return -1;
+    // A growing write claims its space before its transfer, then looks
+    // again whether a newer file started meanwhile (bf.h, reserve_space).
+    if (end > s.dataEnd) {
+        qvfs::bf::reserve_space(h->blkFile, s, end, df_GetDiskUnitSize());
+        if (refuse_overgrowth(h, end)) return -1;
+    }
+    return n;
 }
 
 }  // namespace
@@ -171,7 +186,7 @@ int tf_Read(uint32_t pos, void* buf, uint32_t len, TQvFileHandle* handle) {
     int total = 0;
     for (int i = 0; i < n; ++i) {
         int r = bf_Read(addr[i], out, lens[i], handle->blkFile);
-        handle->errNo = bf_GetErrorNo(handle->blkFile);
+        set_error_no(handle, bf_GetErrorNo(handle->blkFile));
         if (r < 0) return -1;
         out += lens[i];
         total += r;
@@ -192,7 +207,7 @@ int tf_Write(uint32_t pos, const void* buf, uint32_t len, TQvFileHandle* handle)
     int last = 0;
     for (int i = 0; i < n; ++i) {
         last = bf_Write(addr[i], in, lens[i], handle->blkFile);
-        handle->errNo = bf_GetErrorNo(handle->blkFile);
+        set_error_no(handle, bf_GetErrorNo(handle->blkFile));
         if (last < 0) return -1;
         in += lens[i];
     }
@@ -214,7 +229,7 @@ int tf_Writev(uint32_t pos, const struct iovec* iov, int iovcnt, TQvFileHandle* 
     int last = 0;
     if (n == 1) {
         last = bf_Writev(addr[0], iov, iovcnt, handle->blkFile);
-        handle->errNo = bf_GetErrorNo(handle->blkFile);
+        set_error_no(handle, bf_GetErrorNo(handle->blkFile));
         if (last < 0) return -1;
     } else {
         // Each segment gets the run of the caller's entries that falls into
@@ -243,7 +258,7 @@ int tf_Writev(uint32_t pos, const struct iovec* iov, int iovcnt, TQvFileHandle* 
                 }
             }
             last = bf_Writev(addr[s], split, count, handle->blkFile);
-            handle->errNo = bf_GetErrorNo(handle->blkFile);
+            set_error_no(handle, bf_GetErrorNo(handle->blkFile));
             if (last < 0) return -1;
         }
     }
@@ -257,7 +272,7 @@ int tf_SyncFile(TQvFileHandle* handle) {
         return -1;
     }
     ProcLockGuard file(handle->lockId);
-    return bf_Sync(&handle->rec->slice, handle->blkFile);
+    return store_entry(handle);
 }
 
 int tf_UpdataePreRecPtr(TQvFileHandle* handle, uint64_t start, uint64_t end) {
@@ -279,7 +294,7 @@ int tf_UpdataePreRecPtr(TQvFileHandle* handle, uint64_t start, uint64_t end) {
     s.preEnd = s.resStart + end;
     s.dataStart = s.resEnd;
     s.dataEnd = s.resEnd;
-    return bf_Sync(&s, handle->blkFile);
+    return store_entry(handle);
 }
 
 int tf_ftruncate(TQvFileHandle* handle, uint64_t length) {
@@ -302,7 +317,7 @@ int tf_ftruncate(TQvFileHandle* handle, uint64_t length) {
         }
         s.dataStart = s.resStart;
         s.dataEnd = s.resStart + length;
-        return bf_Sync(&s, handle->blkFile);
+        return store_entry(handle);
     }
     uint64_t pre = qvfs::bf::ring_length(s);
     if (length < pre) return -1;  // the pre-record part cannot be cut
@@ -314,5 +329,5 @@ int tf_ftruncate(TQvFileHandle* handle, uint64_t length) {
     }
     if (s.dataStart + data > s.dataEnd && refuse_overgrowth(handle, s.dataStart + data)) return -1;
     s.dataEnd = s.dataStart + data;
-    return bf_Sync(&s, handle->blkFile);
+    return store_entry(handle);
 }

@@ -48,7 +48,7 @@ int tf_SetFileStat(const TQvFileStat* stat, TQvFileHandle* handle) {
     s.chn = uint32_t(stat->chn);
     s.startTime = stat->startTime;
     std::memcpy(s.usrParam, stat->usrParam, sizeof s.usrParam);
-    const int result = bf_Sync(&s, handle->blkFile);
+    const int result = store_entry(handle);
     file.unlock();
     // The record's name belongs to the file table (the lookup by name reads
     // it under g_qvFileMutex), never to the per-file lock.
@@ -70,6 +70,6 @@ int tf_GetErrorNo(TQvFileHandle* handle) {
         errno = QVFS_ERR_BADARG;
         return -1;
     }
-    ProcLockGuard file(handle->lockId);
-    return handle->errNo;
+    // Stored whole by the transfers; read without the per-file lock.
+    return __atomic_load_n(&handle->errNo, __ATOMIC_RELAXED);
 }

@@ -14,6 +14,7 @@
 
 #include "common/proc_lock.h"
 #include "file/tf_internal.h"
+#include "reason.h"
 
 int g_qvFileMutex = -1;
 
@@ -107,6 +108,7 @@ TQvFileHandle* make_handle(const char* name) {
     const char* dot = std::strchr(name, '.');
     if (dot == nullptr || dot - name < kMinDotPos) {
         errno = QVFS_ERR_BADHANDLE;
+        why(QVFS_WHY_BAD_NAME);
         return nullptr;
     }
     uint32_t slice = read_hex(dot - kSliceBeforeDot, 4);
@@ -117,6 +119,7 @@ TQvFileHandle* make_handle(const char* name) {
     }
     if (df_IsDiskReady(uint32_t(disk)) != 0) {
         errno = QVFS_ERR_BADHANDLE;
+        why(QVFS_WHY_NOT_MOUNTED);
         return nullptr;
     }
     uint64_t key = file_owner_key(uint32_t(disk), block, slice);
@@ -128,6 +131,7 @@ TQvFileHandle* make_handle(const char* name) {
     while (slot < kFileTableSize && g_fileTable[slot] != nullptr) ++slot;
     if (slot == kFileTableSize) {
         errno = QVFS_ERR_BADHANDLE;
+        why(QVFS_WHY_HANDLES_FULL);
         return nullptr;
     }
     auto* h = static_cast<TQvFileHandle*>(qvfs_Malloc(sizeof(TQvFileHandle)));
@@ -140,13 +144,18 @@ TQvFileHandle* make_handle(const char* name) {
     h->lockId = -1;
     g_fileTable[slot] = h;
 
+    errno = 0;  // all records in use is the one failure that sets no code
     auto* rec = static_cast<TQvFileRec*>(fsc_TfMalloc(key, sizeof(TQvFileRec)));
     if (rec == nullptr) {
+        if (errno == 0) why(QVFS_WHY_FILES_FULL);
         g_fileTable[slot] = nullptr;
         qvfs_Free(h);
         errno = QVFS_ERR_BADHANDLE;
         return nullptr;
     }
+    // A record nobody counts was just registered for this file: what its
+    // share index's state says belongs to an earlier file.
+    if (rec->shrRef <= 0) reset_state(rec);
     // All processes that attach this record reach the same semaphore.
     int shareKey = fsc_GetShmKey(rec->shareIndex);
     int lockId = shareKey < 0 ? -1 : fsc_ProcLockInit(shareKey + kRecordLockKeyOffset);
@@ -267,6 +276,7 @@ TQvFileHandle* _tf_CreateFile(const TQvfsOpenParam* param, char* name) {
         // The handle already holds a reference on its block; keep one.
         bf_CloseFile(blk);
     }
+    note_loaded(h);
     return h;
 }
 
@@ -280,7 +290,19 @@ TQvFileHandle* tf_OpenFile(const TQvfsOpenParam* param, char* name) {
     bool opened;
     {
         ProcLockGuard file(h->lockId);
-        if (h->blkFile == nullptr) h->blkFile = bf_OpenFile(name, &h->rec->slice);
+        if (h->blkFile == nullptr) {
+            // A record that a process already filled is the file's master
+            // copy: its length may be ahead of the entry on the device (the
+            // flush pass writes the entry later), so the entry read here
+            // only proves the name.
+            if (slice_loaded(h)) {
+                TQvBlkSliceInfo entry;
+                h->blkFile = bf_OpenFile(name, &entry);
+            } else {
+                h->blkFile = bf_OpenFile(name, &h->rec->slice);
+                if (h->blkFile != nullptr) note_loaded(h);
+            }
+        }
         opened = h->blkFile != nullptr;
     }
     if (opened) return h;
@@ -296,6 +318,13 @@ int tf_CloseFile(TQvFileHandle* handle) {
         return -1;
     }
     if (handle->index >= kFileTableSize) return 0;
+    // A length the device's entry lacks is stored now, so that the record
+    // can go with this reference and a later open that reads the entry
+    // finds every byte.
+    if (entry_lags(handle)) {
+        ProcLockGuard file(handle->lockId);
+        store_entry(handle);
+    }
     release_ref(handle);
     return 0;
 }
@@ -322,6 +351,7 @@ int tf_Unlink(const char* name) {
     if (h->index < kFileTableSize) release_ref_locked(h);
     if (!alone) {
         errno = callerErrno;
+        why(QVFS_WHY_FILE_OPEN);
         return -1;
     }
     return bf_Unlink(name);
@@ -333,7 +363,10 @@ int tf_Init(void) {
     std::snprintf(path, sizeof path, "%s/qvfslayer", QVFS_KEY_DIR);
     g_qvFileMutex = fsc_ProcLockInit(fsc_GetShareKey(path, 97));
     fsc_ShareInit();
-    return bf_Init();
+    const int result = bf_Init();
+    // The flush pass writes the entries that growing writes leave behind.
+    disk::set_flush_hook(flush_pass);
+    return result;
 }
 
 int tf_Uninit(void) {

@@ -138,6 +138,14 @@ int tf_TfReleaseInvalid(int pid) {
         auto* rec = static_cast<TQvFileRec*>(fsc_TfGetFileInfo(i));
         if (rec == nullptr) continue;
         if (_tf_CheckProcessValid(rec, pid) < 1) {
+            // The dead process may have left a length that its entry on the
+            // device lacks: a pass of the disk writes it (and every other
+            // one pending there) before the record goes. g_tTimerMutex and
+            // the per-file locks come after g_qvFileMutex.
+            const TQvFileState* st = file_state(i);
+            if (st != nullptr && (__atomic_load_n(&st->pending, __ATOMIC_ACQUIRE) != 0 ||
+                                  __atomic_load_n(&st->candidate, __ATOMIC_ACQUIRE) != 0))
+                disk::flush_disk_now(st->disk);
             fsc_TfFree(rec);  // nobody counts it: the record is freed
         } else {
             drop_sweep_attachment(rec, i);

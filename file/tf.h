@@ -10,8 +10,13 @@
 //   g_qvFileMutex  - the process's file table, inRef, and the name, shrRef
 //                    and owner fields of every shared file record;
 //   per-file lock  - one per record (TQvFileHandle::lockId): the record's
-//                    slice copy and the handle's blkFile and errNo.
-// The two are never held together. Block-file calls are made inside either.
+//                    slice copy, the handle's blkFile and the record's
+//                    state in the state segment (file/flush.cpp).
+// Nothing that holds a per-file lock waits for g_qvFileMutex or for
+// g_tTimerMutex; so the flush pass (g_tTimerMutex, then per-file locks) and
+// the reclamation of a dead process (g_qvFileMutex, then a flush pass) can
+// take per-file locks inside them. Block-file calls are made inside either.
+// The handle's errNo is stored whole and read without a lock.
 //
 // Failures return -1 (or null, or the value named below) with a library code
 // in errno; no call throws.
@@ -228,5 +233,11 @@ int reclaim_vanished(void);
 // Forgets the task device and the previous task list (tests: a fresh start
 // after set_task_source).
 void task_reset(void);
+
+// Makes the file's written bytes and its entry durable: a flush of the
+// device, the entry and header stored, and a second flush. What the result
+// of bf_Sync is, or -1 with 3000 + errno when a flush failed. Takes the
+// per-file lock.
+int sync_durable(TQvFileHandle* handle);
 
 }  // namespace qvfs::file

@@ -107,7 +107,7 @@ static_assert(offsetof(TQvFileRec, slice) + offsetof(TQvBlkSliceInfo, userData) 
 // one count of the record's shrRef. The handle stands in slot `index` of the
 // process's file table while inRef > 0.
 struct TQvFileHandle {
-    int32_t errNo;       // block layer's outcome of the last transfer (bf_GetErrorNo); per-file lock
+    int32_t errNo;       // block layer's outcome of the last transfer (bf_GetErrorNo); stored whole
     uint32_t index;      // slot in the file table, 0..1023
     int32_t inRef;       // opens of the file in this process; g_qvFileMutex
     TQvFileRec* rec;     // this process's attachment of the shared record

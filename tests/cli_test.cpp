@@ -54,7 +54,7 @@ protected:
     // The error line of a name that is well formed but not on disk 0.
     static std::string no_such(const std::string& name) {
         return "qvfs: cannot open " + name + " on disk 0 (/dev/scsi/host00/part1): " +
-               qvfs_ErrorString(QVFS_ERR_BADARG) + " (1001)\n";
+               qvfs_ErrorString(QVFS_WHY_NO_SUCH_FILE) + " (1001)\n";
     }
 };
 using CliDisk = Cli;

@@ -37,9 +37,11 @@ struct Failure : std::runtime_error {
 };
 [[noreturn]] void usage_error(const std::string& what);
 
-// "<words> (<code>)" for a library error code, e.g.
-// "not a formatted disk (1005)".
-std::string lib_error(int code);
+// "<words> (<code>)" for a failure the library reported with `code`, e.g.
+// "not a formatted disk (1005)". The words are those of the cause it named
+// for this thread's last call when there is one (sameThread false: the call
+// ran on another thread, only the code is known).
+std::string lib_error(int code, bool sameThread = true);
 
 // Options that apply to every subcommand.
 struct Globals {

@@ -186,7 +186,7 @@ int cmd_format() {
         }
         worker.join();
     }
-    if (r != 0) throw Failure(fmt::format("cannot format {}: {}", disk_label(d), lib_error(err)));
+    if (r != 0) throw Failure(fmt::format("cannot format {}: {}", disk_label(d), lib_error(err, false)));
 
     Mounted m(d);
     const uint32_t blocks = disk_blocks(d);

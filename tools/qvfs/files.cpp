@@ -112,14 +112,24 @@ int cmd_find() {
     if (from && to && *from > *to) usage_error("--from is later than --to");
     Mounted m(d);
 
+    // The disk's index names the channel's blocks that did not end before
+    // the range (a block's end is the latest end of its files). Its start
+    // is only its first file's, so the files are tested one by one.
+    std::vector<TQvDiskBlkInfo> blocks(64);
+    for (;;) {
+        errno = 0;
+        const int n = qvfs_FindBlocks(d.device.c_str(), a.channel, type ? *type : QVFS_ANY_BLK_TYPE,
+                                      from ? *from : INT64_MIN, INT64_MAX, blocks.data(), int(blocks.size()));
+        if (n < 0) throw Failure(fmt::format("cannot search the blocks of {}: {}", disk_label(d), lib_error(errno)));
+        if (size_t(n) <= blocks.size()) {
+            blocks.resize(size_t(n));
+            break;
+        }
+        blocks.resize(size_t(n));  // grown meanwhile: ask again with room for all
+    }
     std::vector<FileRow> hits;
-    for (const BlockRow& b : used_blocks(d)) {
-        if (b.channel != int64_t(a.channel) || (type && b.type != *type)) continue;
-        // A block's end time is the latest end of its files: a block that
-        // ended before the range holds nothing in it. (Its start is only its
-        // first file's, so files are tested one by one.)
-        if (from && b.end != 0 && b.end < *from) continue;
-        for (const FileRow& f : block_files(d, b.block)) {
+    for (const TQvDiskBlkInfo& b : blocks) {
+        for (const FileRow& f : block_files(d, b.blkId)) {
             if (f.channel != a.channel) continue;
             int64_t end = f.end < f.start ? f.start : f.end;
             if (from && end < *from) continue;

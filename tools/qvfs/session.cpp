@@ -20,7 +20,12 @@ volatile std::sig_atomic_t g_interrupted = 0;
 
 void usage_error(const std::string& what) { throw Failure(what, kExitUsage); }
 
-std::string lib_error(int code) { return fmt::format("{} ({})", qvfs_ErrorString(code), code); }
+// The cause the library named for the failure just seen, else the words of
+// its code; the code itself stays in the message for scripts and reports.
+std::string lib_error(int code, bool sameThread) {
+    const int why = sameThread ? qvfs_LastReason() : QVFS_WHY_NONE;
+    return fmt::format("{} ({})", qvfs_ErrorString(why != QVFS_WHY_NONE ? why : code), code);
+}
 
 void check_interrupted() {
     if (g_interrupted) throw Failure("interrupted", kExitInterrupted);
