@@ -39,19 +39,17 @@ void reset_table() {
 }
 
 TQvfsHandle* lookup(int handle) {
-    why(QVFS_WHY_BAD_HANDLE);
+    TQvfsHandle* h = nullptr;
     if (handle < 0) {
         errno = QVFS_ERR_BADHANDLE;
-        return nullptr;
+    } else {
+        const uint32_t slot = static_cast<uint32_t>(handle) & kSlotMask;
+        MutexGuard table(g_tQvFsMutex);
+        // A stale value names a slot that is empty or was reused by a later
+        // open with another generation.
+        if (slot < kSlots && g_slots[slot] != nullptr && g_slots[slot]->fd == handle) h = g_slots[slot];
     }
-    const uint32_t slot = static_cast<uint32_t>(handle) & kSlotMask;
-    MutexGuard table(g_tQvFsMutex);
-    if (slot >= kSlots) return nullptr;
-    TQvfsHandle* h = g_slots[slot];
-    // A stale value names a slot that is empty or was reused by a later
-    // open with another generation.
-    if (h == nullptr || h->fd != handle) return nullptr;
-    why_clear();
+    if (h == nullptr) why(QVFS_WHY_BAD_HANDLE);
     return h;
 }
 

@@ -22,6 +22,7 @@
 #include "keys.h"
 #include "platform.h"
 #include "state.h"
+#include "reason.h"
 
 TQvfsFileList* g_stQvfsFileList = nullptr;
 void* g_stQvfsShrPool = nullptr;
@@ -46,12 +47,13 @@ struct RecordKind {
     uint32_t poolOffset;  // where slot 0 lives in the record pool
     std::size_t shrRefOff;
     std::size_t indexOff;
+    int fullReason;  // what the caller is told when every slot is in use
 };
 
 constexpr RecordKind kFileKind{kFileIndexBase, QVFS_FILE_REC_SIZE, kPoolFileOffset, kFileRecShrRefOff,
-                               kFileRecIndexOff};
+                               kFileRecIndexOff, QVFS_WHY_FILES_FULL};
 constexpr RecordKind kBlkFileKind{kBlkFileIndexBase, QVFS_BLKFILE_REC_SIZE, kPoolBlkFileOffset,
-                                  kBlkRecShrRefOff, kBlkRecIndexOff};
+                                  kBlkRecShrRefOff, kBlkRecIndexOff, QVFS_WHY_NONE};
 
 // Owner slot i: the low 32-bit word, then the high word.
 uint64_t owner_of(uint32_t index) {
@@ -117,7 +119,10 @@ void* record_malloc(const RecordKind& k, uint64_t ownerKey, uint32_t size) {
         }
         if (owner == 0 && freeSlot < 0) freeSlot = static_cast<int>(s);
     }
-    if (freeSlot < 0) return nullptr;  // all slots of this kind in use
+    if (freeSlot < 0) {  // all slots of this kind in use: no code, only the reason
+        if (k.fullReason != QVFS_WHY_NONE) why(k.fullReason);
+        return nullptr;
+    }
 
     const uint32_t slot = static_cast<uint32_t>(freeSlot);
     const uint32_t index = k.firstIndex + slot;

@@ -39,15 +39,6 @@ int index_key(uint32_t disk) {
     return fsc_GetShareKey(path, kProjDiskSegment0 + static_cast<int>(disk));
 }
 
-template <class T>
-T load(const T& field) {
-    return __atomic_load_n(&field, __ATOMIC_RELAXED);
-}
-template <class T>
-void store(T& field, T value) {
-    __atomic_store_n(&field, value, __ATOMIC_RELAXED);
-}
-
 // The disk's segment of `blocks` entries, attached; a segment of another
 // size (the disk was formatted anew) is removed first. Null when the system
 // refuses (errno + 3000).
@@ -73,11 +64,11 @@ TQvBlkIndex* attach(uint32_t disk, uint32_t blocks) {
 }
 
 void fill_entry(TQvBlkIndexEntry& e, const BlockHeadView& h) {
-    store(e.chn, h.chn);
-    store(e.type, h.dataType);
-    store(e.cnt, h.cnt);
-    store(e.startTime, h.startTime);
-    store(e.endTime, h.endTime);
+    shared_store(e.chn, h.chn);
+    shared_store(e.type, h.dataType);
+    shared_store(e.cnt, h.cnt);
+    shared_store(e.startTime, h.startTime);
+    shared_store(e.endTime, h.endTime);
 }
 
 // Reads the header of every block in use into the entries. Caller holds
@@ -100,12 +91,12 @@ void build(const TQvDiskRec& d, TQvBlkIndex& x, uint32_t blocks) {
     std::memcpy(x.head.magic, kBlkIndexMagic, sizeof kBlkIndexMagic);
     x.head.version = kBlkIndexVersion;
     x.head.blocks = blocks;
-    store(x.head.built, complete ? 1u : 0u);
+    shared_store(x.head.built, complete ? 1u : 0u);
 }
 
 bool current(const TQvBlkIndex& x, uint32_t blocks) {
     return std::memcmp(x.head.magic, kBlkIndexMagic, sizeof kBlkIndexMagic) == 0 &&
-           x.head.version == kBlkIndexVersion && x.head.blocks == blocks && load(x.head.built) == 1;
+           x.head.version == kBlkIndexVersion && x.head.blocks == blocks && shared_load(x.head.built) == 1;
 }
 
 // The entry of a block of an attached index, or null.
@@ -137,7 +128,7 @@ int index_mount(TQvDiskRec& d, uint32_t disk, bool fresh) {
 void index_invalidate(uint32_t disk) {
     TQvBlkIndex* x = disk < QVFS_MAX_DISKS ? g_index[disk].load(std::memory_order_acquire) : nullptr;
     if (x != nullptr) {
-        store(x->head.built, 0u);
+        shared_store(x->head.built, 0u);
         return;
     }
     // Another process's index of the disk, if there is one.
@@ -195,22 +186,22 @@ int df_FindBlocks(const char* path, uint32_t chn, uint32_t type, int64_t from, i
     for (uint32_t b = 0; b < x.head.blocks; ++b) {
         if (s.map[b] != QV_BLK_USED) continue;
         const TQvBlkIndexEntry& e = x.entry[b];
-        if ((chn != QVFS_ANY_CHANNEL && load(e.chn) != chn) || (type != QVFS_ANY_BLK_TYPE && load(e.type) != type))
+        if ((chn != QVFS_ANY_CHANNEL && shared_load(e.chn) != chn) || (type != QVFS_ANY_BLK_TYPE && shared_load(e.type) != type))
             continue;
         // A block whose files hold no data yet has no end time: it may
         // reach as far as its files' starts, which the header does not keep.
-        const auto start = static_cast<int64_t>(load(e.startTime));
-        const uint64_t endTime = load(e.endTime);
+        const auto start = static_cast<int64_t>(shared_load(e.startTime));
+        const uint64_t endTime = shared_load(e.endTime);
         const int64_t end = endTime == 0 ? INT64_MAX : std::max(start, static_cast<int64_t>(endTime));
-        if (load(e.cnt) == 0 || start > to || end < from) continue;
+        if (shared_load(e.cnt) == 0 || start > to || end < from) continue;
         ++found;
         if (max == 0) continue;
         TQvDiskBlkInfo r{};
         r.blkId = b;
         r.startTime = uint64_t(start);
-        r.endTime = load(e.endTime);
-        r.cnt = load(e.cnt);
-        r.fileType = static_cast<uint32_t>(fsc_BlkType2FileType(static_cast<int>(load(e.type))));
+        r.endTime = shared_load(e.endTime);
+        r.cnt = shared_load(e.cnt);
+        r.fileType = static_cast<uint32_t>(fsc_BlkType2FileType(static_cast<int>(shared_load(e.type))));
         if (kept < max) {
             out[kept++] = r;
             std::push_heap(out, out + kept, earlier);

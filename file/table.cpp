@@ -144,10 +144,8 @@ TQvFileHandle* make_handle(const char* name) {
     h->lockId = -1;
     g_fileTable[slot] = h;
 
-    errno = 0;  // all records in use is the one failure that sets no code
     auto* rec = static_cast<TQvFileRec*>(fsc_TfMalloc(key, sizeof(TQvFileRec)));
     if (rec == nullptr) {
-        if (errno == 0) why(QVFS_WHY_FILES_FULL);
         g_fileTable[slot] = nullptr;
         qvfs_Free(h);
         errno = QVFS_ERR_BADHANDLE;

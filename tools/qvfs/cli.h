@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -112,6 +113,15 @@ inline constexpr TypeInfo kTypes[] = {
 std::string type_label(uint32_t blockType);
 // REC, IMG, ... (any case) or a block type number 0..5; throws a usage failure.
 uint32_t parse_type(const std::string& arg);
+
+// The data type and time window of the listing commands (--type, --from,
+// --to), each absent when not given. A window that ends before it starts is
+// a usage failure; with `span` (a picture of the window) so is an empty one.
+struct Window {
+    std::optional<uint32_t> type;
+    std::optional<int64_t> from, to;
+};
+Window parse_window(const std::string& type, const std::string& from, const std::string& to, bool span = false);
 
 // ---- recording file names ----------------------------------------------------------
 

@@ -336,12 +336,7 @@ Json block_json(const BlockRow& b) {
 
 int cmd_blocks() {
     const Disk d = parse_disk(a.disk);
-    std::optional<uint32_t> type;
-    if (!a.type.empty()) type = parse_type(a.type);
-    std::optional<int64_t> from, to;
-    if (!a.from.empty()) from = parse_time(a.from, "--from time");
-    if (!a.to.empty()) to = parse_time(a.to, "--to time");
-    if (from && to && *from > *to) usage_error("--from is later than --to");
+    const auto [type, from, to] = parse_window(a.type, a.from, a.to);
     Mounted m(d);
     Json list = Json::array();
     Table table({{"BLOCK", true},

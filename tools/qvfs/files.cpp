@@ -104,12 +104,7 @@ int cmd_ls() {
 
 int cmd_find() {
     const Disk d = parse_disk(a.disk);
-    std::optional<uint32_t> type;
-    if (!a.type.empty()) type = parse_type(a.type);
-    std::optional<int64_t> from, to;
-    if (!a.from.empty()) from = parse_time(a.from, "--from time");
-    if (!a.to.empty()) to = parse_time(a.to, "--to time");
-    if (from && to && *from > *to) usage_error("--from is later than --to");
+    const auto [type, from, to] = parse_window(a.type, a.from, a.to);
     Mounted m(d);
 
     // The disk's index names the channel's blocks that did not end before

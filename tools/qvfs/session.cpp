@@ -125,6 +125,18 @@ uint32_t parse_type(const std::string& arg) {
     usage_error(fmt::format("invalid data type '{}': expected REC, IMG, BACK, PIC, FPD or ITS", arg));
 }
 
+Window parse_window(const std::string& type, const std::string& from, const std::string& to, bool span) {
+    Window w;
+    if (!type.empty()) w.type = parse_type(type);
+    if (!from.empty()) w.from = parse_time(from, "--from time");
+    if (!to.empty()) w.to = parse_time(to, "--to time");
+    if (w.from && w.to) {
+        if (span && *w.from >= *w.to) usage_error("--from must be earlier than --to");
+        if (*w.from > *w.to) usage_error("--from is later than --to");
+    }
+    return w;
+}
+
 // ---- recording file names ------------------------------------------------------------
 
 namespace {

@@ -157,12 +157,7 @@ std::string svg(const Disk& d, const std::vector<Lane>& lanes, int64_t lo, int64
 
 int cmd_timeline() {
     const Disk d = parse_disk(a.disk);
-    std::optional<uint32_t> type;
-    if (!a.type.empty()) type = parse_type(a.type);
-    std::optional<int64_t> from, to;
-    if (!a.from.empty()) from = parse_time(a.from, "--from time");
-    if (!a.to.empty()) to = parse_time(a.to, "--to time");
-    if (from && to && *from >= *to) usage_error("--from must be earlier than --to");
+    const auto [type, from, to] = parse_window(a.type, a.from, a.to, true);
     Mounted m(d);
 
     struct Rec {
